@@ -1,0 +1,2 @@
+// kelvoraecommd: the external-communication daemon.
+int main() { return 0; }
