@@ -1,5 +1,6 @@
 // The daemon's log: messages go to the system log (facility LOG_USER) with a level
-// mask, and an optional trace line to stderr.
+// mask, and, in a mode the daemon does not use, a
+// trace line to stderr (base/traceline.h).
 //
 // Levels are the syslog priorities 0 (LOG_EMERG) to 7 (LOG_DEBUG). The maximum level
 // starts at 5; setMaximumLogLevel caps anything of 8 or more to 5. The event id and
@@ -24,9 +25,6 @@ void setMaximumLogLevel(int level);
 int getMaximumLogLevel();
 // "LOG_EMERG" .. "LOG_DEBUG", compared case-sensitively; anything else gives 4.
 int getLoglevelAsInt(std::string name);
-
-// One line to stderr: local time, thread id, resident size, counter, text.
-void WriteTrace(const char* text);
 
 }  // namespace base
 }  // namespace apm
