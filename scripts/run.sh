@@ -4,7 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
-export CCACHE_DIR="${CCACHE_DIR:-$PWD/.ccache}"
+# The compiler cache lives outside the checkout, so fresh clones (CI) reuse it.
+export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=1
 cmake --preset default >/dev/null
 cmake --build --preset default --target kelvoraecommd
 export ECOMM_ROOT="${ECOMM_ROOT:-$PWD/run-root}"

@@ -5,7 +5,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 preset="${1:-default}"
 bash scripts/setup.sh
-export CCACHE_DIR="${CCACHE_DIR:-$PWD/.ccache}"
+# The compiler cache lives outside the checkout, so fresh clones (CI) reuse it.
+export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=1
 cmake --preset "$preset" >/dev/null
 cmake --build --preset "$preset"
 ctest --preset "$preset"
