@@ -1,20 +1,14 @@
 #include "base/conditionvariable.h"
 
+#include "base/criticalsection.h"
+
 #include <ctime>
 
 namespace apm {
 namespace base {
 
 ConditionVariable::ConditionVariable() {
-  pthread_mutexattr_t attributes;
-  bool recursive = pthread_mutexattr_init(&attributes) == 0;
-  if (recursive) {
-    recursive = pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE) == 0 &&
-                pthread_mutex_init(&mutex, &attributes) == 0;
-    pthread_mutexattr_destroy(&attributes);
-  }
-  // Without a usable attribute the mutex falls back to the default kind.
-  if (!recursive) pthread_mutex_init(&mutex, nullptr);
+  InitRecursiveMutex(mutex);
   pthread_cond_init(&condition, nullptr);
 }
 
