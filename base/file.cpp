@@ -127,7 +127,13 @@ bool _File<traits>::Remove(const std::string& path) {
 template <class traits>
 bool _File<traits>::CreateTemporaryFile(const _Directory<traits>& directory,
                                         const std::string& prefix, std::string& path, int mode) {
-  uint64_t seed = MicrosecondsNow();
+  return CreateTemporaryFile(directory, prefix, path, mode, MicrosecondsNow());
+}
+
+template <class traits>
+bool _File<traits>::CreateTemporaryFile(const _Directory<traits>& directory,
+                                        const std::string& prefix, std::string& path, int mode,
+                                        uint64_t seed) {
   const uint64_t tid = static_cast<uint64_t>(Thread::GetCurrentTID());
   if (mode == 0) mode = 0666;
   for (int attempt = 0; attempt < kTemporaryFileAttempts; ++attempt) {

@@ -51,6 +51,11 @@ class _File {
   // names are tried; `path` gets the name opened, or is cleared if all failed.
   bool CreateTemporaryFile(const _Directory<traits>& directory, const std::string& prefix,
                            std::string& path, int mode);
+  // The same with the clock value given: `seed` stands for the present time in
+  // microseconds. The file is opened without O_EXCL, so a name met again is reused
+  // and truncated.
+  bool CreateTemporaryFile(const _Directory<traits>& directory, const std::string& prefix,
+                           std::string& path, int mode, uint64_t seed);
 
   // One step of the name sequence: ((seed << 7) ^ (seed >> 3) ^ seed) + tid.
   static uint64_t NextTemporarySeed(uint64_t seed, uint64_t tid) {

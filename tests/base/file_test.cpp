@@ -1,0 +1,232 @@
+#include "base/file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <regex>
+#include <string>
+#include <thread>
+
+#include "base/famerror.h"
+#include "base/thread.h"
+#include "tests/support/privateroot.h"
+
+namespace apm {
+namespace base {
+namespace {
+
+mode_t PermissionsOf(const std::string& path) {
+  struct stat info;
+  EXPECT_EQ(stat(path.c_str(), &info), 0) << path;
+  return info.st_mode & 07777;
+}
+
+bool DescriptorIsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
+
+TEST(File, SeedStepIsShiftedExclusiveOrPlusThreadIdIn64Bits) {
+  EXPECT_EQ(File::NextTemporarySeed(1, 0), 129u);
+  EXPECT_EQ(File::NextTemporarySeed(1000, 7), 128924u);
+  EXPECT_EQ(File::NextTemporarySeed(~0ULL, 1), 2305843009213693825ULL);
+  EXPECT_EQ(File::NextTemporarySeed(1609459200000000ULL, 4242), 206853905476829330ULL);
+}
+
+TEST(File, SameMicrosecondDifferentThreadsGiveDifferentSeeds) {
+  const uint64_t microsecond = 1609459200000000ULL;
+  EXPECT_NE(File::NextTemporarySeed(microsecond, 1000), File::NextTemporarySeed(microsecond, 1001));
+}
+
+TEST(File, TemporaryFileIsNamedFromDirectoryPrefixAndSeed) {
+  test::PrivateRoot root;
+  File file;
+  std::string path;
+  FamError record(true);
+  ASSERT_TRUE(file.CreateTemporaryFile(Directory::GetTemporaryPath(true), "data", path, 0));
+  const std::string folder = root.Path("/tmp/kelvora-ecomm/");
+  ASSERT_EQ(path.compare(0, folder.size(), folder), 0) << path;
+  EXPECT_TRUE(std::regex_match(path.substr(folder.size()), std::regex("data_[0-9]+\\.tmp")))
+      << path;
+  EXPECT_EQ(file.GetPath(), path);
+  EXPECT_TRUE(file.IsOpen());
+  EXPECT_EQ(access(path.c_str(), F_OK), 0);
+  EXPECT_EQ(record.code, 0);
+}
+
+TEST(File, TemporaryFileIsReadWriteAndCloseOnExec) {
+  test::PrivateRoot root;
+  File file;
+  std::string path;
+  ASSERT_TRUE(file.CreateTemporaryFile(Directory::GetTemporaryPath(true), "attachment", path, 0));
+  int flags = fcntl(file.GetDescriptor(), F_GETFL);
+  EXPECT_EQ(flags & O_ACCMODE, O_RDWR);
+  EXPECT_NE(fcntl(file.GetDescriptor(), F_GETFD) & FD_CLOEXEC, 0);
+}
+
+TEST(File, TemporaryFileModeZeroMeans0666) {
+  test::PrivateRoot root;
+  mode_t old = umask(0);
+  File file;
+  std::string path;
+  ASSERT_TRUE(file.CreateTemporaryFile(Directory::GetTemporaryPath(true), "data", path, 0));
+  File restricted;
+  std::string restrictedPath;
+  ASSERT_TRUE(restricted.CreateTemporaryFile(Directory::GetTemporaryPath(true), "key",
+                                             restrictedPath, 0600));
+  umask(old);
+  EXPECT_EQ(PermissionsOf(path), 0666u);
+  EXPECT_EQ(PermissionsOf(restrictedPath), 0600u);
+}
+
+TEST(File, TemporaryFileInMissingDirectoryFailsAndClearsPath) {
+  test::PrivateRoot root;
+  File file;
+  std::string path = "preset";
+  FamError record(true);
+  EXPECT_FALSE(file.CreateTemporaryFile(Directory(root.Path("/tmp/missing")), "data", path, 0));
+  EXPECT_EQ(path, "");
+  EXPECT_EQ(file.GetPath(), "");
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_EQ(record.code, E_SYSTEM_BASE + ENOENT);
+}
+
+TEST(File, NewTemporaryFileClosesThePreviousDescriptor) {
+  test::PrivateRoot root;
+  File file;
+  std::string first;
+  std::string second;
+  ASSERT_TRUE(file.CreateTemporaryFile(Directory::GetTemporaryPath(true), "a", first, 0));
+  int firstDescriptor = file.GetDescriptor();
+  ASSERT_TRUE(file.CreateTemporaryFile(Directory::GetTemporaryPath(true), "b", second, 0));
+  EXPECT_NE(first, second);
+  if (file.GetDescriptor() != firstDescriptor) {
+    EXPECT_FALSE(DescriptorIsOpen(firstDescriptor));
+  }
+  EXPECT_EQ(file.GetPath(), second);
+}
+
+TEST(File, TwoThreadsInOneMicrosecondGetDifferentNamesThroughThreadId) {
+  test::PrivateRoot root;
+  const std::string folder = Directory::GetTemporaryPath(true);
+  const uint64_t microsecond = 1609459200000000ULL;
+  std::string names[2];
+  uint32_t tids[2] = {0, 0};
+  auto make = [&](int index) {
+    File file;
+    tids[index] = Thread::GetCurrentTID();
+    EXPECT_TRUE(file.CreateTemporaryFile(folder, "data", names[index], 0, microsecond));
+  };
+  std::thread one(make, 0);
+  one.join();
+  std::thread two(make, 1);
+  two.join();
+  ASSERT_NE(tids[0], tids[1]);
+  EXPECT_NE(names[0], names[1]);
+  EXPECT_EQ(names[0], folder + "data_" +
+                          std::to_string(File::NextTemporarySeed(microsecond, tids[0])) + ".tmp");
+  EXPECT_EQ(names[1], folder + "data_" +
+                          std::to_string(File::NextTemporarySeed(microsecond, tids[1])) + ".tmp");
+}
+
+TEST(File, SameSeedOnSameThreadReusesAndTruncatesTheFile) {
+  test::PrivateRoot root;
+  const std::string folder = Directory::GetTemporaryPath(true);
+  std::string first;
+  std::string second;
+  {
+    File file;
+    ASSERT_TRUE(file.CreateTemporaryFile(folder, "data", first, 0, 77));
+    ASSERT_TRUE(file.Write("content", 7));
+  }
+  File file;
+  ASSERT_TRUE(file.CreateTemporaryFile(folder, "data", second, 0, 77));
+  EXPECT_EQ(first, second);
+  struct stat info;
+  ASSERT_EQ(stat(second.c_str(), &info), 0);
+  EXPECT_EQ(info.st_size, 0);
+}
+
+TEST(File, WriteThenReadBack) {
+  test::PrivateRoot root;
+  File file;
+  std::string path;
+  ASSERT_TRUE(file.CreateTemporaryFile(Directory::GetTemporaryPath(true), "data", path, 0));
+  const std::string content(10000, 'w');
+  ASSERT_TRUE(file.Write(content.data(), content.size()));
+  ASSERT_TRUE(file.Close());
+  EXPECT_EQ(root.ReadFile("/tmp/kelvora-ecomm/" + path.substr(path.rfind('/') + 1)), content);
+
+  ASSERT_TRUE(file.Open(path, O_RDONLY | O_CLOEXEC));
+  std::string back;
+  char chunk[4096];
+  size_t read = 0;
+  do {
+    ASSERT_TRUE(file.Read(chunk, sizeof(chunk), read));
+    back.append(chunk, read);
+  } while (read > 0);
+  EXPECT_EQ(back, content);
+}
+
+TEST(File, OpenOfMissingFileFailsWithSystemError) {
+  test::PrivateRoot root;
+  File file;
+  FamError record(true);
+  EXPECT_FALSE(file.Open(root.Path("/tmp/absent"), O_RDONLY));
+  EXPECT_FALSE(file.IsOpen());
+  EXPECT_EQ(record.code, E_SYSTEM_BASE + ENOENT);
+}
+
+TEST(File, ReadAndWriteOnClosedFileFail) {
+  File file;
+  FamError record(true);
+  char byte = 0;
+  size_t read = 7;
+  EXPECT_FALSE(file.Read(&byte, 1, read));
+  EXPECT_EQ(read, 0u);
+  EXPECT_EQ(record.code, E_SYSTEM_BASE + EBADF);
+  record.code = 0;
+  EXPECT_FALSE(file.Write(&byte, 1));
+  EXPECT_EQ(record.code, E_SYSTEM_BASE + EBADF);
+}
+
+TEST(File, CloseReleasesDescriptorAndMayBeRepeated) {
+  test::PrivateRoot root;
+  root.WriteFile("/tmp/x", "x");
+  File file;
+  ASSERT_TRUE(file.Open(root.Path("/tmp/x"), O_RDONLY));
+  int fd = file.GetDescriptor();
+  EXPECT_TRUE(file.Close());
+  EXPECT_EQ(file.GetDescriptor(), -1);
+  EXPECT_FALSE(DescriptorIsOpen(fd));
+  EXPECT_TRUE(file.Close());
+}
+
+TEST(File, DestructorClosesDescriptor) {
+  test::PrivateRoot root;
+  root.WriteFile("/tmp/x", "x");
+  int fd = -1;
+  {
+    _File<_apm_traits_none> file;
+    ASSERT_TRUE(file.Open(root.Path("/tmp/x"), O_RDONLY));
+    fd = file.GetDescriptor();
+    EXPECT_TRUE(DescriptorIsOpen(fd));
+  }
+  EXPECT_FALSE(DescriptorIsOpen(fd));
+}
+
+TEST(File, RemoveDeletesAndReportsMissingFile) {
+  test::PrivateRoot root;
+  root.WriteFile("/tmp/gone", "x");
+  FamError record(true);
+  EXPECT_TRUE(File::Remove(root.Path("/tmp/gone")));
+  EXPECT_FALSE(root.Exists("/tmp/gone"));
+  EXPECT_EQ(record.code, 0);
+  EXPECT_FALSE(File::Remove(root.Path("/tmp/gone")));
+  EXPECT_EQ(record.code, E_SYSTEM_BASE + ENOENT);
+}
+
+}  // namespace
+}  // namespace base
+}  // namespace apm
