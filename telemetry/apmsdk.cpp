@@ -43,8 +43,8 @@ void LoadProc(void* slot, const char* name, void* fallback) {
 
 // The empty forms: what an entry binds to when the library or its function is missing.
 
-static unsigned int APMRegisterApplication_Empty(const char*, const char*, const char*,
-                                                 const char*, unsigned int) {
+static unsigned int APMRegisterApplication_Empty(const char*, const char*, const char*, const char*,
+                                                 unsigned int) {
   return 0;
 }
 static void APMUnregisterApplication_Empty(unsigned int) {}
@@ -76,13 +76,13 @@ static void APMAttachThread_Empty(uint64_t) {}
 // For an entry X with result type Result: the slot X_Slot, starting at X_Stub; X_Stub,
 // which binds the slot and then makes the call it stands for; and the public entry X,
 // which only calls through the slot.
-#define APM_ENTRY(Result, X, Parameters, Arguments)                                 \
-  static Result X##_Stub Parameters;                                                \
-  static decltype(&X##_Stub) X##_Slot = X##_Stub;                                  \
-  static Result X##_Stub Parameters {                                               \
-    LoadProc(&X##_Slot, #X, reinterpret_cast<void*>(X##_Empty));                    \
-    return ReadSlot(X##_Slot) Arguments;                                            \
-  }                                                                                 \
+#define APM_ENTRY(Result, X, Parameters, Arguments)              \
+  static Result X##_Stub Parameters;                             \
+  static decltype(&X##_Stub) X##_Slot = X##_Stub;                \
+  static Result X##_Stub Parameters {                            \
+    LoadProc(&X##_Slot, #X, reinterpret_cast<void*>(X##_Empty)); \
+    return ReadSlot(X##_Slot) Arguments;                         \
+  }                                                              \
   Result X Parameters { return ReadSlot(X##_Slot) Arguments; }
 
 APM_ENTRY(unsigned int, APMRegisterApplication,
@@ -93,8 +93,7 @@ APM_ENTRY(void, APMUnregisterApplication, (unsigned int application), (applicati
 APM_ENTRY(unsigned int, APMRegisterModule, (const char* name), (name))
 APM_ENTRY(void, APMUnregisterModule, (unsigned int module), (module))
 APM_ENTRY(void, APMModuleRegisterEvent,
-          (unsigned int module, unsigned int eventId, const char* name,
-           const char* parameterNames),
+          (unsigned int module, unsigned int eventId, const char* name, const char* parameterNames),
           (module, eventId, name, parameterNames))
 APM_ENTRY(int, APMGetContext, (APMContext * context, const void* source), (context, source))
 APM_ENTRY(void, APMAttachContext, (unsigned int application, const void* context),

@@ -49,8 +49,7 @@ TEST_F(FamErrorTest, StrippingRemovesOnlyTrailingBlanksAndLineBreaks) {
   FamError record;
   FamErrorBase::SetError(static_cast<int>(0x80004005), " a \r b\t \n \r", module);
   EXPECT_EQ(record.message, " a \r b\t");
-  EXPECT_EQ(capture.Messages(7),
-            std::vector<std::string>{"Message: SetError: 80004005  a \r b\t"});
+  EXPECT_EQ(capture.Messages(7), std::vector<std::string>{"Message: SetError: 80004005  a \r b\t"});
 }
 
 TEST_F(FamErrorTest, TextOfBlanksOnlyLeavesAnEmptyMessage) {
@@ -268,8 +267,9 @@ TEST(FamErrorEvents, SetErrorReportsTheStrippedTextToTheModule) {
     EXPECT_EQ(registered[0].arguments, (std::vector<std::string>{"Operating System", "101"}));
     std::vector<SdkCall> events = RecordedSdkCalls("APMEventStr");
     ASSERT_EQ(events.size(), 1u);
-    EXPECT_EQ(events[0].arguments, (std::vector<std::string>{"101", std::to_string(0x10001000),
-                                                             "60", "16", "SetError: 00000005 text"}));
+    EXPECT_EQ(events[0].arguments,
+              (std::vector<std::string>{"101", std::to_string(0x10001000), "60", "16",
+                                        "SetError: 00000005 text"}));
   });
 }
 

@@ -20,6 +20,8 @@
 #include <stdexcept>
 #include <thread>
 
+extern char** environ;
+
 namespace apm {
 namespace test {
 
@@ -38,10 +40,17 @@ std::string Escape(const std::string& text) {
   escaped.reserve(text.size());
   for (char c : text) {
     switch (c) {
-      case '\\': escaped += "\\\\"; break;
-      case '\n': escaped += "\\n"; break;
-      case '\t': escaped += "\\t"; break;
-      default: escaped += c;
+      case '\\':
+        escaped += "\\\\";
+        break;
+      case '\n':
+        escaped += "\\n";
+        break;
+      case '\t':
+        escaped += "\\t";
+        break;
+      default:
+        escaped += c;
     }
   }
   return escaped;
@@ -66,8 +75,8 @@ std::string Unescape(const std::string& text) {
 void Record(const char* file, const char* call, int value, int facility, const std::string& text) {
   const int savedErrno = errno;
   std::string line = std::string(call) + '\t' + std::to_string(getpid()) + '\t' +
-                     std::to_string(value) + '\t' + std::to_string(facility) + '\t' +
-                     Escape(text) + '\n';
+                     std::to_string(value) + '\t' + std::to_string(facility) + '\t' + Escape(text) +
+                     '\n';
   int fd = open(file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
   if (fd >= 0) {
     ssize_t ignored = write(fd, line.data(), line.size());
@@ -98,8 +107,8 @@ Function Real(const char* name) {
 
 SyslogCapture::SyslogCapture() {
   const char* tmp = std::getenv("TMPDIR");
-  std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") +
-                        "/ecomm-syslog-XXXXXX";
+  std::string pattern =
+      std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/ecomm-syslog-XXXXXX";
   int fd = mkstemp(&pattern[0]);
   if (fd < 0) throw std::runtime_error("mkstemp failed for " + pattern);
   close(fd);
@@ -176,18 +185,28 @@ void SyslogCapture::Clear() const { std::ofstream(path_, std::ios::trunc); }
 
 std::vector<std::string> SyslogCapture::ChildEnvironment() const {
   std::string preload = PreloadLibrary();
-  if (const char* old = std::getenv("LD_PRELOAD")) {
-    if (*old != '\0') preload += std::string(":") + old;
+  std::string sanitizerOptions;
+  std::vector<std::string> environment;
+  for (char** entry = environ; *entry != nullptr; ++entry) {
+    const std::string variable(*entry);
+    const std::string::size_type equals = variable.find('=');
+    const std::string name = variable.substr(0, equals);
+    const std::string value = equals == std::string::npos ? "" : variable.substr(equals + 1);
+    if (name == "LD_PRELOAD") {
+      if (!value.empty()) preload += ":" + value;
+    } else if (name == "ASAN_OPTIONS") {
+      sanitizerOptions = value;
+    } else if (name != kCaptureVariable) {
+      environment.push_back(variable);
+    }
   }
-  std::vector<std::string> environment = {std::string(kCaptureVariable) + "=" + path_,
-                                          "LD_PRELOAD=" + preload};
+  environment.push_back(std::string(kCaptureVariable) + "=" + path_);
+  environment.push_back("LD_PRELOAD=" + preload);
 #if defined(__SANITIZE_ADDRESS__)
   // The address sanitizer insists on being the first object loaded unless told otherwise.
-  const char* options = std::getenv("ASAN_OPTIONS");
-  environment.push_back(std::string("ASAN_OPTIONS=") +
-                        (options != nullptr && *options != '\0' ? std::string(options) + ":" : "") +
-                        "verify_asan_link_order=0");
+  sanitizerOptions += std::string(sanitizerOptions.empty() ? "" : ":") + "verify_asan_link_order=0";
 #endif
+  if (!sanitizerOptions.empty()) environment.push_back("ASAN_OPTIONS=" + sanitizerOptions);
   return environment;
 }
 

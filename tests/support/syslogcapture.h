@@ -14,14 +14,16 @@
 //
 //   SyslogCapture capture;
 //   apm::base::logargs(5, 106, 1, "Server certificate created (fingerprint=%s)", "ab:cd");
-//   EXPECT_EQ(capture.Messages(), std::vector<std::string>{"Server certificate created (fingerprint=ab:cd)"});
+//   EXPECT_TRUE(capture.Contains("Server certificate created (fingerprint=ab:cd)"));
 //
 // In another process (the daemon binary): the same definitions are built as a
-// preloadable object, PreloadLibrary(). Start the process with the entries of
-// ChildEnvironment() added to its environment (they set LD_PRELOAD, ECOMM_TEST_SYSLOG
-// and, in sanitizer builds, the option that lets a preloaded object come first), and
-// poll with WaitForMessage(). Lines carry the writer's process id, so the lines of a
-// daemonized child can be told from the parent's.
+// preloadable object, PreloadLibrary(). Start the process with the environment
+// ChildEnvironment() (it sets LD_PRELOAD, ECOMM_TEST_SYSLOG and, in sanitizer builds,
+// the option that lets a preloaded object come first), and poll with WaitForMessage().
+// Lines carry the writer's process id, so the lines of a daemonized child can be told
+// from the parent's. Mind the mask: the daemon without a "LogLevel" setting logs up to
+// LOG_WARNING, so its level-5 lines ("Server certificate created ...") are recorded as
+// dropped; give it "LogLevel LOG_NOTICE" or look at the dropped entries in Entries().
 //
 // Not thread-safe to construct or destroy (it changes the process environment: do it
 // before threads start). Reading while other threads or processes log is safe; each
@@ -79,8 +81,10 @@ class SyslogCapture {
   // Forgets everything recorded so far (empties the file).
   void Clear() const;
 
-  // Entries "NAME=value" to add to a child process's environment so that it writes to
-  // this capture.
+  // The environment for a child process that is to write to this capture: this
+  // process's environment as "NAME=value" entries, with LD_PRELOAD, ECOMM_TEST_SYSLOG
+  // and, in address-sanitizer builds, ASAN_OPTIONS set for it. Hand it to execve or
+  // posix_spawn as it is.
   std::vector<std::string> ChildEnvironment() const;
   // The preloadable object with the recording definitions.
   static std::string PreloadLibrary();
