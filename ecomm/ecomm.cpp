@@ -5,8 +5,6 @@
 namespace apm {
 namespace ecomm {
 
-unsigned int maxThreads = 100;
-
 void CEcommMessageQueueTask::Execute() { GetEcomm()->ProcessMessageQueue(); }
 
 CEcomm::CEcomm(unsigned int threadLimit) : base::Scheduler(threadLimit), applicationId(0), messageTaskId(0) {}

@@ -25,8 +25,9 @@
 namespace apm {
 namespace ecomm {
 
-// Upper limit of the worker pool, read once by the CEcomm constructor. Set by the
-// command line before GetEcomm() is first called; 100 unless given.
+// Upper limit of the worker pool, read once by GetEcomm() when it makes the CEcomm.
+// Defined with the daemon's other process-wide settings (ecomm/daemonstate.cpp),
+// set from the command line before GetEcomm() is first called; 100 unless given.
 extern unsigned int maxThreads;
 
 // Period of the message-queue task in milliseconds.
