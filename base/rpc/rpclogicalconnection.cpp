@@ -1,0 +1,146 @@
+#include "base/rpc/rpclogicalconnection.h"
+
+#include "base/rpc/rpcframe.h"
+#include "base/rpc/rpcspdyconnection.h"
+
+namespace apm {
+namespace base {
+
+namespace {
+
+// A frame goes out while at most this many bytes are outstanding.
+constexpr uint64_t kOutstandingLimit = RPC_STREAM_WINDOW;
+
+}  // namespace
+
+boost::shared_ptr<CLogicalConnection> CLogicalConnection::create(const boost::shared_ptr<CSpdyConnection>& physical,
+                                                                 bool server) {
+  return boost::shared_ptr<CLogicalConnection>(new CLogicalConnection(physical, server));
+}
+
+CLogicalConnection::CLogicalConnection(const boost::shared_ptr<CSpdyConnection>& physical, bool server)
+    : physical(physical), is_server(server) {}
+
+CLogicalConnection::~CLogicalConnection() = default;
+
+uint64_t CLogicalConnection::get_version() { return physical->get_version(); }
+
+CNetworkBuffer* CLogicalConnection::alloc_buffer() { return CNetworkBuffer::Allocate(); }
+
+void CLogicalConnection::free_buffer(const CNetworkBuffer* buffer) {
+  if (buffer == nullptr) return;
+  if (buffer->length > 0) physical->post_window_update(get_stream_id(), static_cast<uint32_t>(buffer->length));
+  CNetworkBuffer::Free(buffer);
+}
+
+void CLogicalConnection::init(const RPCConnectionHeaders& headers) {
+  initiated = true;
+  physical->post_syn_stream(shared_from_this(), 0, 0, SPDY_DEFAULT_PRIORITY, headers);
+}
+
+void CLogicalConnection::send_data(CNetworkBuffer* buffer, bool end_of_segment) {
+  if (!initiated) {
+    // Data without headers first: the peer gets an empty reply in front.
+    initiated = true;
+    physical->post_syn_reply(shared_from_this(), 0, RPCConnectionHeaders());
+  }
+  if (buffer != nullptr && buffer->length != 0) {
+    ConditionVariable::ScopedLock lock(condition);
+    while (is_send_open() && bytes_sent - bytes_acknowledged > kOutstandingLimit) condition.Wait();
+    bytes_sent += buffer->length;
+  }
+  if (!is_send_open()) {
+    CNetworkBuffer::Free(buffer);
+    return;
+  }
+  physical->post_data(shared_from_this(), end_of_segment ? FLAG_END_SEGMENT : 0, buffer);
+}
+
+void CLogicalConnection::send_headers(const RPCConnectionHeaders& headers) {
+  if (!is_send_open()) return;
+  if (initiated) {
+    physical->post_headers(shared_from_this(), 0, headers);
+  } else {
+    initiated = true;
+    physical->post_syn_reply(shared_from_this(), 0, headers);
+  }
+}
+
+void CLogicalConnection::send_close() {
+  if (!is_send_open()) return;
+  if (initiated) {
+    physical->post_data(shared_from_this(), FLAG_FIN, nullptr);
+  } else {
+    initiated = true;
+    physical->post_syn_reply(shared_from_this(), FLAG_FIN, RPCConnectionHeaders());
+  }
+}
+
+void CLogicalConnection::send_terminate() {
+  if (is_send_open()) physical->post_terminate(get_stream_id(), SPDY_STATUS_CANCEL);
+}
+
+boost::shared_ptr<IPhysicalConnection> CLogicalConnection::get_physical_connection() { return physical; }
+
+void CLogicalConnection::init_server(unsigned int new_priority, unsigned int flags) {
+  priority = new_priority;
+  if (flags & FLAG_FIN) {
+    receive_open.store(false, std::memory_order_release);
+    if (boost::shared_ptr<IReceiveStream> stream = receive_stream.lock()) stream->recv_closed();
+  }
+  if (flags & FLAG_UNIDIRECTIONAL) send_open.store(false, std::memory_order_release);
+}
+
+void CLogicalConnection::recv_data(const CNetworkBuffer* buffer, bool end_of_segment) {
+  if (boost::shared_ptr<IReceiveStream> stream = receive_stream.lock()) {
+    stream->recv_data(buffer, end_of_segment);
+  } else {
+    CNetworkBuffer::Free(buffer);
+  }
+}
+
+void CLogicalConnection::recv_headers(RPCConnectionHeaders& headers) {
+  if (boost::shared_ptr<IReceiveStream> stream = receive_stream.lock()) stream->recv_headers(headers);
+}
+
+void CLogicalConnection::recv_closed() {
+  receive_open.store(false, std::memory_order_release);
+  if (boost::shared_ptr<IReceiveStream> stream = receive_stream.lock()) stream->recv_closed();
+}
+
+void CLogicalConnection::recv_connection_closing() {
+  if (boost::shared_ptr<IReceiveStream> stream = receive_stream.lock()) stream->recv_connection_closing();
+}
+
+void CLogicalConnection::recv_terminated(unsigned int status, const std::string& text) {
+  boost::shared_ptr<IReceiveStream> stream = receive_stream.lock();
+  {
+    // Under the mutex, so that a sender about to wait on the window sees the flag.
+    ConditionVariable::ScopedLock lock(condition);
+    send_open.store(false, std::memory_order_release);
+    receive_open.store(false, std::memory_order_release);
+    if (stream) condition.WakeupAll();
+  }
+  if (stream) stream->recv_terminated(status, text);
+}
+
+void CLogicalConnection::assign_stream_id(uint32_t id) {
+  ConditionVariable::ScopedLock lock(condition);
+  stream_id.store(id, std::memory_order_release);
+  condition.WakeupAll();
+}
+
+uint32_t CLogicalConnection::wait_for_stream_id() {
+  ConditionVariable::ScopedLock lock(condition);
+  while (get_stream_id() == 0) condition.Wait();
+  return get_stream_id();
+}
+
+void CLogicalConnection::acknowledge(uint32_t delta) {
+  ConditionVariable::ScopedLock lock(condition);
+  bytes_acknowledged += delta;
+  condition.WakeupAll();
+}
+
+}  // namespace base
+}  // namespace apm

@@ -1,0 +1,632 @@
+// The deprecated OpenSSL calls of the TLS set-up (RSA key file, temporary DH and
+// ECDH parameters) are what peers of this protocol expect.
+#define OPENSSL_SUPPRESS_DEPRECATED
+
+#include "base/rpc/rpcspdyconnectionimpl.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <openssl/dh.h>
+#include <openssl/ec.h>
+#include <openssl/obj_mac.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <boost/asio/connect.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+#include <cstring>
+
+#include "base/famerror.h"
+#include "base/rpc/certificatemgr.h"
+#include "base/rpc/rpctrustedcertificates.h"
+#include "base/rpc/rpcversionexchange.h"
+#include "base/strtools.h"
+
+namespace apm {
+namespace base {
+
+namespace {
+
+// Room for what one TLS read delivers (a record of up to 16 KiB) behind a partly
+// received frame.
+constexpr std::size_t kReceiveStagingSize = 32768;
+constexpr std::size_t kReceiveReadMinimum = 16384;
+// Queued frames are gathered into one write up to this size.
+constexpr std::size_t kWriteGatherLimit = 65536;
+
+std::string socket_address(int descriptor, bool peer) {
+  if (descriptor < 0) return std::string();
+  struct sockaddr_storage address;
+  socklen_t length = sizeof(address);
+  int result = peer ? getpeername(descriptor, reinterpret_cast<struct sockaddr*>(&address), &length)
+                    : getsockname(descriptor, reinterpret_cast<struct sockaddr*>(&address), &length);
+  if (result != 0) return std::string();
+  char text[INET6_ADDRSTRLEN] = "";
+  if (address.ss_family == AF_INET) {
+    inet_ntop(AF_INET, &reinterpret_cast<struct sockaddr_in*>(&address)->sin_addr, text, sizeof(text));
+  } else if (address.ss_family == AF_INET6) {
+    inet_ntop(AF_INET6, &reinterpret_cast<struct sockaddr_in6*>(&address)->sin6_addr, text, sizeof(text));
+  }
+  return text;
+}
+
+}  // namespace
+
+template <class Stream>
+boost::shared_ptr<CSpdyConnectionImpl<Stream>> CSpdyConnectionImpl<Stream>::create(
+    const boost::shared_ptr<CConnectionIOService>& service, IConnectionHandlerFactory* factory,
+    const boost::shared_ptr<IServerConnection>& server, uint32_t server_key,
+    const RPCConnectionParameters& parameters) {
+  return boost::shared_ptr<CSpdyConnectionImpl>(
+      new CSpdyConnectionImpl(service, factory, server, server_key, parameters));
+}
+
+template <class Stream>
+CSpdyConnectionImpl<Stream>::CSpdyConnectionImpl(const boost::shared_ptr<CConnectionIOService>& service,
+                                                 IConnectionHandlerFactory* factory,
+                                                 const boost::shared_ptr<IServerConnection>& server,
+                                                 uint32_t server_key, const RPCConnectionParameters& parameters)
+    : CSpdyConnection(service, factory, server, server_key, parameters),
+      ssl_context(boost::asio::ssl::context::sslv23) {
+  ssl_context.set_options(boost::asio::ssl::context::no_compression | boost::asio::ssl::context::no_sslv2 |
+                          boost::asio::ssl::context::no_sslv3);
+}
+
+template <class Stream>
+CSpdyConnectionImpl<Stream>::~CSpdyConnectionImpl() = default;
+
+template <class Stream>
+boost::shared_ptr<CSpdyConnection> CSpdyConnectionImpl<Stream>::get_pointer() {
+  return this->shared_from_this();
+}
+
+template <class Stream>
+std::string CSpdyConnectionImpl<Stream>::get_remote_address() {
+  return socket_address(socket_descriptor.load(), true);
+}
+
+template <class Stream>
+std::string CSpdyConnectionImpl<Stream>::get_local_address() {
+  return socket_address(socket_descriptor.load(), false);
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::note_socket_descriptor() {
+  socket_descriptor.store(socket->lowest_layer().native_handle());
+}
+
+// ---------------------------------------------------------------------------
+// TLS
+
+template <class Stream>
+bool CSpdyConnectionImpl<Stream>::init_socket(bool server_side) {
+  if (socket) return true;
+  const std::string& file = parameters.certificate_file;
+  if (!file.empty()) {
+    namespace ssl = boost::asio::ssl;
+    ssl_context.set_password_callback(
+        [](std::size_t, ssl::context::password_purpose) { return std::string(); });
+    ssl_context.set_verify_mode(server_side ? ssl::verify_peer | ssl::verify_fail_if_no_peer_cert
+                                            : ssl::verify_peer);
+    ssl_context.set_verify_callback(
+        [this](bool preverified, ssl::verify_context& context) { return verify_callback(preverified, context); });
+
+    boost::system::error_code error;
+    ssl_context.use_certificate_file(file, ssl::context::pem, error);
+    if (error) {
+      FamError::SetError(error.value(), "invalid certificate \"" + file + "\" (" + error.message() + ")");
+      return false;
+    }
+    ssl_context.use_rsa_private_key_file(file, ssl::context::pem, error);
+    if (error) {
+      FamError::SetError(error.value(), "invalid private key \"" + file + "\" (" + error.message() + ")");
+      return false;
+    }
+    SSL_CTX* context = ssl_context.native_handle();
+    if (DH* dh = certificate::CertificateManager::get_dh2048()) {
+      if (SSL_CTX_set_tmp_dh(context, dh) != 1) FamError::SetError(E_FAIL_CODE, "cannot set temp dh param");
+      DH_free(dh);
+    }
+    EC_KEY* ecdh = EC_KEY_new_by_curve_name(NID_X9_62_prime256v1);
+    if (ecdh == nullptr || SSL_CTX_set_tmp_ecdh(context, ecdh) != 1) {
+      FamError::SetError(E_FAIL_CODE, "cannot set ecdh param");
+    }
+    EC_KEY_free(ecdh);
+    if (!parameters.cipher_list.empty() && SSL_CTX_set_cipher_list(context, parameters.cipher_list.c_str()) != 1) {
+      FamError::SetError(E_FAIL_CODE, "error setting cipher list");
+      return false;
+    }
+  }
+  socket.reset(new Stream(service->get_io_service(), ssl_context));
+  return true;
+}
+
+template <class Stream>
+bool CSpdyConnectionImpl<Stream>::verify_callback(bool /*preverified*/, boost::asio::ssl::verify_context& context) {
+  // The library's own verdict is ignored: trust is a listed fingerprint.
+  X509* certificate = X509_STORE_CTX_get_current_cert(context.native_handle());
+  if (certificate == nullptr) return true;
+  std::string fingerprint, cn;
+  certificate::CX509::get_fingerprint(certificate, fingerprint);
+  certificate::CX509::get_cn(certificate, cn);
+  return IsTrustedCertificate(parameters.trusted_certificates_file, fingerprint, cn,
+                              parameters.trust_first_certificate);
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::shutdown() {
+  if (!socket || !socket->lowest_layer().is_open()) return;
+  if (secured) {
+    secured = false;
+    boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+    socket->async_shutdown(on_strand([self](const boost::system::error_code& error) { self->handle_shutdown(error); }));
+  } else {
+    boost::system::error_code ignored;
+    socket->lowest_layer().close(ignored);
+    socket_descriptor.store(-1);
+  }
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_shutdown(const boost::system::error_code& /*error*/) {
+  connected = false;
+  boost::system::error_code ignored;
+  socket->lowest_layer().shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
+}
+
+// ---------------------------------------------------------------------------
+// Connecting side
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::start_connect() {
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  boost::asio::post(strand, [self]() { self->handle_connect(); });
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::fail_connect(const boost::system::error_code& error, const std::string& text) {
+  set_connect_failure(error, text);
+  _connect_result(false);
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_connect() {
+  if (connecting || connect_done) return;
+  {
+    FamError scope;
+    if (!init_socket(false)) {
+      set_connect_failure_text("could not create socket: " + scope.message);
+      _connect_result(false);
+      return;
+    }
+  }
+  start_connect_timeout();
+  connecting = true;
+  connected = false;
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  resolver.async_resolve(parameters.host, IntToString(parameters.port),
+                         boost::asio::ip::resolver_base::address_configured,
+                         on_strand([self](const boost::system::error_code& error, const ResolveResults& results) {
+                           self->handle_resolve(error, results);
+                         }));
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_resolve(const boost::system::error_code& error,
+                                                 const ResolveResults& results) {
+  const std::string address = parameters.host + ":" + IntToString(parameters.port);
+  if (error) {
+    fail_connect(error, "could not resolve host " + address);
+    return;
+  }
+  set_connect_failure(error, std::string());
+  resolved = results;
+  start_socket_connect(resolved.begin());
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::start_socket_connect(ResolveIterator first) {
+  ResolveIterator next = first;
+  if (next != resolved.end()) ++next;
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  boost::asio::async_connect(socket->lowest_layer(), first, resolved.end(),
+                             on_strand([self, next](const boost::system::error_code& error, ResolveIterator) {
+                               self->handle_socket_connect(error, next);
+                             }));
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_socket_connect(const boost::system::error_code& error,
+                                                        ResolveIterator next) {
+  const std::string address = parameters.host + ":" + IntToString(parameters.port);
+  if (!error) {
+    set_connect_failure(error, std::string());
+    note_socket_descriptor();
+    boost::system::error_code ignored;
+    socket->lowest_layer().set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+    boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+    socket->async_handshake(boost::asio::ssl::stream_base::client,
+                            on_strand([self](const boost::system::error_code& handshake_error) {
+                              self->handle_client_handshake(handshake_error);
+                            }));
+    return;
+  }
+  if (error == boost::asio::error::operation_aborted) {
+    // The connect time-out closed the socket.
+    fail_connect(boost::system::error_code(), "timeout connecting to " + address);
+    return;
+  }
+  if (next != resolved.end()) {
+    boost::system::error_code ignored;
+    socket->lowest_layer().close(ignored);
+    start_socket_connect(next);
+    return;
+  }
+  fail_connect(error, "could not connect to " + address);
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_client_handshake(const boost::system::error_code& error) {
+  if (error) {
+    fail_connect(error, "cannot establish secure connection");
+    return;
+  }
+  secured = true;
+  handshake_buffer = CNetworkBuffer::Allocate();
+  handshake_message =
+      pack_version_request(parameters.connection_id, RPC_LOCAL_VERSION, service->get_start_timestamp());
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  boost::asio::async_write(*socket, boost::asio::buffer(handshake_message),
+                           on_strand([self](const boost::system::error_code& write_error, std::size_t) {
+                             self->handle_send_version_rpc(write_error);
+                           }));
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_send_version_rpc(const boost::system::error_code& error) {
+  if (error) {
+    fail_connect(error, "could not send initial rpc handshake");
+    return;
+  }
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  boost::asio::async_read(*socket, boost::asio::buffer(handshake_buffer->data, RPC_HANDSHAKE_HEADER_SIZE),
+                          on_strand([self](const boost::system::error_code& read_error, std::size_t bytes) {
+                            self->handle_read_version_rpc_response_head(read_error, bytes);
+                          }));
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_read_version_rpc_response_head(const boost::system::error_code& error,
+                                                                        std::size_t bytes) {
+  if (error) {
+    fail_connect(error, "could not receive initial rpc handshake");
+    return;
+  }
+  if (bytes < RPC_HANDSHAKE_HEADER_SIZE) {
+    fail_connect(boost::system::error_code(90, boost::system::system_category()),
+                 "invalid initial rpc handshake response");
+    return;
+  }
+  VersionResponseHead head = unpack_version_response_head(handshake_buffer->data);
+  handshake_status = head.status;
+  if (head.text_length >= 1 && head.text_length <= RPC_HANDSHAKE_MAX_PART) {
+    boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+    boost::asio::async_read(*socket, boost::asio::buffer(handshake_buffer->data, head.text_length),
+                            on_strand([self](const boost::system::error_code& read_error, std::size_t count) {
+                              self->handle_read_version_rpc_response_error(read_error, count);
+                            }));
+    return;
+  }
+  read_version_rpc_response_data();
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_read_version_rpc_response_error(const boost::system::error_code& error,
+                                                                         std::size_t bytes) {
+  if (error) {
+    fail_connect(error, "could not receive initial rpc handshake error");
+    return;
+  }
+  handshake_error_text.assign(reinterpret_cast<const char*>(handshake_buffer->data), bytes);
+  read_version_rpc_response_data();
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::read_version_rpc_response_data() {
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  boost::asio::async_read(*socket, boost::asio::buffer(handshake_buffer->data, 4),
+                          on_strand([self](const boost::system::error_code& error, std::size_t bytes) {
+                            self->handle_read_version_rpc_response_data_length(error, bytes);
+                          }));
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_read_version_rpc_response_data_length(
+    const boost::system::error_code& error, std::size_t /*bytes*/) {
+  if (error) {
+    fail_connect(error, "could not receive initial rpc handshake response data length");
+    return;
+  }
+  uint32_t length = unpack_version_response_data_length(handshake_buffer->data);
+  if (length >= 1 && length <= RPC_HANDSHAKE_MAX_PART) {
+    boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+    boost::asio::async_read(*socket, boost::asio::buffer(handshake_buffer->data, length),
+                            on_strand([self](const boost::system::error_code& read_error, std::size_t bytes) {
+                              self->handle_read_version_rpc_response_data(read_error, bytes);
+                            }));
+    return;
+  }
+  // No data: a denial, in the peer's own words when it gave any.
+  if (handshake_status != 0 && !handshake_error_text.empty()) {
+    fail_connect(boost::system::error_code(), handshake_error_text);
+  } else {
+    fail_connect(boost::system::error_code(), "invalid initial rpc handshake response");
+  }
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_read_version_rpc_response_data(const boost::system::error_code& error,
+                                                                        std::size_t bytes) {
+  if (error) {
+    fail_connect(error, "could not receive initial rpc handshake response data");
+    return;
+  }
+  if (bytes < RPC_HANDSHAKE_RESPONSE_DATA_SIZE) {
+    fail_connect(boost::system::error_code(), "invalid initial rpc handshake response data");
+    return;
+  }
+  VersionResponseData data = unpack_version_response_data(handshake_buffer->data);
+  remote_version = data.version;
+  remote_start_timestamp = data.start_timestamp;
+  if (remote_version < parameters.min_version) {
+    fail_connect(boost::system::error_code(), "remote rpc version is incompatible");
+    return;
+  }
+  _connect_result(true);
+  recv_frame();
+  start_ping();
+}
+
+// ---------------------------------------------------------------------------
+// Accepting side
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::start_server() {
+  CSpdyConnection::start_server();
+  note_socket_descriptor();
+  fcntl(socket_descriptor.load(), F_SETFD, FD_CLOEXEC);
+  boost::system::error_code ignored;
+  socket->lowest_layer().set_option(boost::asio::ip::tcp::no_delay(true), ignored);
+  start_connect_timeout();
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  socket->async_handshake(boost::asio::ssl::stream_base::server,
+                          on_strand([self](const boost::system::error_code& error) {
+                            self->handle_server_handshake(error);
+                          }));
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_server_handshake(const boost::system::error_code& error) {
+  if (error) {
+    fail_connect(error, "cannot establish secure connection");
+    // Nobody waits for an accepted connection: the reason is only logged, in a
+    // record of its own so that nothing stays on the I/O thread.
+    FamError scope;
+    set_error();
+    return;
+  }
+  secured = true;
+  handshake_buffer = CNetworkBuffer::Allocate();
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  boost::asio::async_read(*socket, boost::asio::buffer(handshake_buffer->data, RPC_HANDSHAKE_HEADER_SIZE),
+                          on_strand([self](const boost::system::error_code& read_error, std::size_t bytes) {
+                            self->handle_read_version_rpc_request_header(read_error, bytes);
+                          }));
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_read_version_rpc_request_header(const boost::system::error_code& error,
+                                                                         std::size_t bytes) {
+  if (error) {
+    fail_connect(error, "cannot receive initial rpc header");
+    return;
+  }
+  if (bytes < RPC_HANDSHAKE_HEADER_SIZE) {
+    fail_connect(boost::system::error_code(), "invalid initial rpc header");
+    return;
+  }
+  VersionRequestHeader header = unpack_version_request_header(handshake_buffer->data);
+  if (header.type != RPC_HANDSHAKE_REQUEST_TYPE || header.reserved != 0 || header.body_length < 1 ||
+      header.body_length > RPC_HANDSHAKE_MAX_PART - 1) {
+    fail_connect(boost::system::error_code(), "invalid initial rpc request");
+    return;
+  }
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  boost::asio::async_read(*socket, boost::asio::buffer(handshake_buffer->data, header.body_length),
+                          on_strand([self](const boost::system::error_code& read_error, std::size_t count) {
+                            self->handle_read_version_rpc_request_data(read_error, count);
+                          }));
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_read_version_rpc_request_data(const boost::system::error_code& error,
+                                                                       std::size_t bytes) {
+  if (error) {
+    fail_connect(error, "cannot receive initial rpc data");
+    return;
+  }
+  if (bytes < RPC_HANDSHAKE_REQUEST_BODY_SIZE) {
+    fail_connect(boost::system::error_code(), "invalid initial rpc data received");
+    return;
+  }
+  VersionRequestBody body = unpack_version_request_body(handshake_buffer->data);
+  connection_id = body.connection_id;
+  remote_version = body.version;
+  remote_start_timestamp = body.start_timestamp;
+  if (body.protocol_level != RPC_PROTOCOL_LEVEL || body.protocol_revision != RPC_PROTOCOL_REVISION ||
+      body.version < parameters.min_version) {
+    // No response: the peer's read fails.
+    fail_connect(boost::system::error_code(), "invalid initial rpc received");
+    return;
+  }
+
+  bool accepted = false;
+  int code = 0;
+  std::string text;
+  {
+    FamError scope;
+    accepted = handler_factory != nullptr && handler_factory->connection_opened(get_pointer());
+    code = scope.code;
+    text = scope.message;
+  }
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  if (accepted) {
+    handshake_message = pack_version_response(RPC_LOCAL_VERSION, service->get_start_timestamp());
+    boost::asio::async_write(*socket, boost::asio::buffer(handshake_message),
+                             on_strand([self](const boost::system::error_code& write_error, std::size_t) {
+                               self->handle_send_version_rpc_response(write_error);
+                             }));
+  } else {
+    handshake_message = pack_version_denial(static_cast<uint32_t>(code), text);
+    boost::asio::async_write(*socket, boost::asio::buffer(handshake_message),
+                             on_strand([self](const boost::system::error_code& write_error, std::size_t) {
+                               self->handle_send_version_rpc_deny(write_error);
+                             }));
+  }
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_send_version_rpc_response(const boost::system::error_code& error) {
+  if (error) {
+    fail_connect(error, "cannot send initial rpc response");
+    return;
+  }
+  _connect_result(true);
+  recv_frame();
+  start_ping();
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_send_version_rpc_deny(const boost::system::error_code& /*error*/) {
+  fail_connect(boost::system::error_code(), "connection denied");
+}
+
+// ---------------------------------------------------------------------------
+// Frames
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::recv_frame() {
+  if (receive_staging.empty()) receive_staging.resize(kReceiveStagingSize);
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  socket->async_read_some(
+      boost::asio::buffer(receive_staging.data() + receive_end, receive_staging.size() - receive_end),
+      on_strand([self](const boost::system::error_code& error, std::size_t bytes) { self->handle_recv(error, bytes); }));
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_recv(const boost::system::error_code& error, std::size_t bytes) {
+  if (error) {
+    stop();
+    return;
+  }
+  receive_end += bytes;
+  if (!process_received()) return;
+  if (receive_begin == receive_end) {
+    receive_begin = receive_end = 0;
+  } else if (receive_staging.size() - receive_end < kReceiveReadMinimum) {
+    std::memmove(receive_staging.data(), receive_staging.data() + receive_begin, receive_end - receive_begin);
+    receive_end -= receive_begin;
+    receive_begin = 0;
+  }
+  recv_frame();
+}
+
+template <class Stream>
+bool CSpdyConnectionImpl<Stream>::process_received() {
+  while (receive_end - receive_begin >= FRAME_HEADER_SIZE) {
+    const uint8_t* start = receive_staging.data() + receive_begin;
+    FrameHeader header = unpack_frame_header(start);
+    const uint32_t length = header.length();
+    if (length > MAX_FRAME_PAYLOAD) {
+      // The payload is never read: the connection ends here.
+      send_rst_stream(0, SPDY_STATUS_FRAME_TOO_LARGE);
+      stop();
+      return false;
+    }
+    if (receive_end - receive_begin < FRAME_HEADER_SIZE + length) break;
+    if (length != 0) {
+      read_buffer = CNetworkBuffer::Allocate();
+      std::memcpy(read_buffer->data, start + FRAME_HEADER_SIZE, length);
+      read_buffer->length = length;
+    }
+    receive_begin += FRAME_HEADER_SIZE + length;
+    process_frame(header);
+    CNetworkBuffer::Free(read_buffer);
+    read_buffer = nullptr;
+  }
+  return true;
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::start_write() {
+  if (writing) return;
+  if (write_queue.empty()) {
+    if (closing && streams.empty()) stop();
+    return;
+  }
+  if (!socket) {
+    // Nothing was ever connected: drop what is queued and end.
+    for (PendingFrame& frame : write_queue) CNetworkBuffer::Free(frame.buffer);
+    write_queue.clear();
+    stop();
+    return;
+  }
+  writing = true;
+  // Header and payload of as many queued frames as fit go out in one write; the
+  // bytes on the wire are the same as frame by frame.
+  write_staging.clear();
+  while (!write_queue.empty()) {
+    PendingFrame& frame = write_queue.front();
+    const std::size_t payload =
+        frame.buffer ? static_cast<std::size_t>(std::min<uint64_t>(frame.buffer->length, MAX_FRAME_PAYLOAD)) : 0;
+    if (!write_staging.empty() && write_staging.size() + FRAME_HEADER_SIZE + payload > kWriteGatherLimit) break;
+    write_staging.insert(write_staging.end(), frame.header, frame.header + FRAME_HEADER_SIZE);
+    if (payload != 0) write_staging.insert(write_staging.end(), frame.buffer->data, frame.buffer->data + payload);
+    CNetworkBuffer::Free(frame.buffer);
+    write_queue.pop_front();
+  }
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  boost::asio::async_write(*socket, boost::asio::buffer(write_staging),
+                           on_strand([self](const boost::system::error_code& error, std::size_t) {
+                             self->handle_write(error);
+                           }));
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_write(const boost::system::error_code& error) {
+  writing = false;
+  if (error) {
+    stop();
+    return;
+  }
+  start_write();
+}
+
+template class CSpdyConnectionImpl<boost::asio::ssl::stream<boost::asio::ip::tcp::socket>>;
+
+boost::shared_ptr<IPhysicalConnection> IPhysicalConnection::CreateSpdyClientConnection(
+    const boost::shared_ptr<IConnectionIOService>& service, IConnectionHandlerFactory* factory,
+    const RPCConnectionParameters& parameters) {
+  boost::shared_ptr<CSpdySslConnection> connection =
+      CSpdySslConnection::create(boost::static_pointer_cast<CConnectionIOService>(service), factory,
+                                 boost::shared_ptr<IServerConnection>(), 0, parameters);
+  connection->connect();
+  return connection;
+}
+
+}  // namespace base
+}  // namespace apm

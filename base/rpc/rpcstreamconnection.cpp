@@ -1,0 +1,311 @@
+#include "base/rpc/rpcstreamconnection.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "base/famerror.h"
+#include "telemetry/apmsdk.h"
+
+namespace apm {
+namespace base {
+
+namespace {
+
+constexpr size_t kMarkSize = 16;
+
+}  // namespace
+
+bool FileWriter::Write(const CNetworkBuffer* buffer) {
+  return file.Write(buffer->data, static_cast<size_t>(buffer->length));
+}
+
+boost::shared_ptr<CLogicalConnectionStream> CLogicalConnectionStream::create(
+    const boost::shared_ptr<IPhysicalConnection>& physical) {
+  boost::shared_ptr<CLogicalConnectionStream> stream(new CLogicalConnectionStream);
+  boost::shared_ptr<ILogicalConnection> logical = physical->create_connection(stream);
+  if (!logical) return boost::shared_ptr<CLogicalConnectionStream>();
+  stream->set_connection(logical);
+  return stream;
+}
+
+boost::shared_ptr<CLogicalConnectionStream> CLogicalConnectionStream::create(
+    const boost::shared_ptr<ILogicalConnection>& connection) {
+  boost::shared_ptr<CLogicalConnectionStream> stream(new CLogicalConnectionStream);
+  stream->set_connection(connection);
+  return stream;
+}
+
+CLogicalConnectionStream::~CLogicalConnectionStream() {
+  if (!connection) return;
+  bool was_open;
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    was_open = open;
+  }
+  if (was_open) {
+    EndStream();
+  } else if (write_buffer != nullptr) {
+    connection->free_buffer(write_buffer);
+    write_buffer = nullptr;
+  }
+  std::list<ReceivedBuffer> unread;
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    open = false;
+    receive_open = false;
+    unread.swap(receive_queue);
+  }
+  // Released through the connection, so that the peer's window opens for data
+  // nobody read.
+  for (ReceivedBuffer& entry : unread) connection->free_buffer(entry.buffer);
+  release_read_buffer();
+}
+
+void CLogicalConnectionStream::release_read_buffer() {
+  if (read_buffer == nullptr) return;
+  connection->free_buffer(read_buffer);
+  read_buffer = nullptr;
+}
+
+void CLogicalConnectionStream::report_stream_error() {
+  unsigned int code;
+  std::string text;
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    code = error_code;
+    text = error_text;
+  }
+  FamError::SetError(static_cast<int>(code), text);
+}
+
+// ---------------------------------------------------------------------------
+// Reading
+
+bool CLogicalConnectionStream::WaitNextBuffer() {
+  if (read_buffer != nullptr) return true;
+  bool ended = false;
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    for (;;) {
+      if (!receive_queue.empty()) {
+        ReceivedBuffer& head = receive_queue.front();
+        read_buffer = head.buffer;
+        read_offset = 0;
+        head.buffer = nullptr;
+        if (!head.end_of_segment) {
+          receive_queue.pop_front();
+        } else if (read_buffer == nullptr) {
+          // The end of the segment: the mark stays until NextSegment.
+          return false;
+        }
+        if (read_buffer != nullptr) return true;
+        continue;  // an empty frame without a mark carries nothing
+      }
+      if (!open || !receive_open) {
+        ended = true;
+        break;
+      }
+      condition.Wait();
+    }
+  }
+  if (ended) report_stream_error();
+  return false;
+}
+
+bool CLogicalConnectionStream::Read(void* destination, unsigned long size) {
+  unsigned long copied = 0;
+  uint8_t* target = static_cast<uint8_t*>(destination);
+  for (;;) {
+    if (!WaitNextBuffer()) return false;
+    const unsigned long count =
+        static_cast<unsigned long>(std::min<uint64_t>(size - copied, read_buffer->length - read_offset));
+    if (count != 0) std::memcpy(target + copied, read_buffer->data + read_offset, count);
+    copied += count;
+    read_offset += count;
+    if (read_offset == read_buffer->length) {
+      // Releasing the buffer is what opens the peer's window.
+      release_read_buffer();
+    }
+    if (copied == size) {
+      total_received += copied;
+      return true;
+    }
+  }
+}
+
+bool CLogicalConnectionStream::Read(CLogicalConnectionStreamWriter& writer) {
+  while (WaitNextBuffer()) {
+    const bool written = writer.Write(read_buffer);
+    total_received += read_buffer->length;
+    release_read_buffer();
+    if (!written) return false;
+  }
+  ConditionVariable::ScopedLock lock(condition);
+  if (receive_queue.empty()) return !receive_open;
+  return receive_queue.front().end_of_segment;
+}
+
+bool CLogicalConnectionStream::ReadFile(File& file) {
+  FileWriter writer(file);
+  return Read(writer);
+}
+
+void CLogicalConnectionStream::NextSegment() {
+  ConditionVariable::ScopedLock lock(condition);
+  release_read_buffer();
+  while (open) {
+    while (receive_queue.empty()) {
+      if (!receive_open || !open) return;
+      condition.Wait();
+    }
+    ReceivedBuffer head = receive_queue.front();
+    receive_queue.pop_front();
+    // free_buffer only posts, so it is safe under this mutex.
+    if (head.buffer != nullptr) connection->free_buffer(head.buffer);
+    if (head.end_of_segment) return;
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Writing
+
+bool CLogicalConnectionStream::Write(const void* data, unsigned int size) {
+  const uint8_t* source = static_cast<const uint8_t*>(data);
+  unsigned int done = 0;
+  for (;;) {
+    if (write_buffer == nullptr) {
+      write_buffer = connection->alloc_buffer();
+      if (write_buffer == nullptr) {
+        report_stream_error();
+        return false;
+      }
+    }
+    const unsigned int count = static_cast<unsigned int>(
+        std::min<uint64_t>(size - done, CNetworkBuffer::CAPACITY - write_buffer->length));
+    if (count != 0) std::memcpy(write_buffer->data + write_buffer->length, source + done, count);
+    write_buffer->length += count;
+    done += count;
+    if (write_buffer->length == CNetworkBuffer::CAPACITY) {
+      CNetworkBuffer* full = write_buffer;
+      write_buffer = nullptr;
+      connection->send_data(full, false);
+    }
+    if (done == size) {
+      total_sent += size;
+      return true;
+    }
+  }
+}
+
+void CLogicalConnectionStream::Flush() {
+  CNetworkBuffer* pending = write_buffer;
+  write_buffer = nullptr;
+  connection->send_data(pending, true);
+}
+
+void CLogicalConnectionStream::EndStream() {
+  Flush();
+  connection->send_close();
+}
+
+void CLogicalConnectionStream::Terminate() { connection->send_terminate(); }
+
+// ---------------------------------------------------------------------------
+// Headers
+
+void CLogicalConnectionStream::SendRequestHeaders(RPCConnectionHeaders& headers) {
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    open = true;
+  }
+  APMContext context;
+  if (APMGetContext(&context, nullptr) != 0) {
+    headers[RPC_HEADER_CONTEXT].assign(reinterpret_cast<const char*>(&context), sizeof(context));
+  }
+  connection->init(headers);
+}
+
+void CLogicalConnectionStream::SendRequestHeaders(unsigned short rpc_class, unsigned short function) {
+  RPCConnectionHeaders headers;
+  headers.set<unsigned int>(RPC_HEADER_CLASS, rpc_class);
+  headers.set<unsigned int>(RPC_HEADER_FUNCTION, function);
+  SendRequestHeaders(headers);
+}
+
+bool CLogicalConnectionStream::ReadResponseHeaders(RPCConnectionHeaders& headers) {
+  bool received;
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    while (!headers_received && receive_open && open) condition.Wait();
+    headers = received_headers;
+    received = headers_received;
+    headers_received = false;
+    received_headers.clear();
+  }
+  const std::string* mark = headers.find_value(RPC_HEADER_SYNC_MARK);
+  if (mark != nullptr && mark->size() == kMarkSize) APMSetSyncMark(mark->data());
+  if (!received) report_stream_error();
+  return received;
+}
+
+void CLogicalConnectionStream::SendResponseHeaders(RPCConnectionHeaders& headers) {
+  uint8_t mark[kMarkSize];
+  if (APMGetSyncMark(mark) != 0) headers[RPC_HEADER_SYNC_MARK].assign(reinterpret_cast<const char*>(mark), kMarkSize);
+  connection->send_headers(headers);
+}
+
+uint64_t CLogicalConnectionStream::GetVersion() { return connection->get_version(); }
+
+// ---------------------------------------------------------------------------
+// IReceiveStream
+
+void CLogicalConnectionStream::recv_data(const CNetworkBuffer* buffer, bool end_of_segment) {
+  ConditionVariable::ScopedLock lock(condition);
+  receive_queue.push_back(ReceivedBuffer{buffer, end_of_segment});
+  condition.Wakeup();
+}
+
+void CLogicalConnectionStream::recv_closed() {
+  ConditionVariable::ScopedLock lock(condition);
+  receive_open = false;
+  condition.Wakeup();
+}
+
+void CLogicalConnectionStream::recv_connection_closing() {
+  ConditionVariable::ScopedLock lock(condition);
+  connection_closing = true;
+  condition.Wakeup();
+}
+
+void CLogicalConnectionStream::recv_terminated(unsigned int status, const std::string& text) {
+  ConditionVariable::ScopedLock lock(condition);
+  receive_open = false;
+  error_code = status;
+  error_text = text;
+  condition.Wakeup();
+}
+
+void CLogicalConnectionStream::recv_headers(RPCConnectionHeaders& headers) {
+  ConditionVariable::ScopedLock lock(condition);
+  received_headers = headers;
+  headers_received = true;
+  condition.Wakeup();
+}
+
+boost::shared_ptr<ILogicalConnection> CLogicalConnectionStream::get_connection() { return connection; }
+
+void CLogicalConnectionStream::set_connection(const boost::shared_ptr<ILogicalConnection>& new_connection) {
+  connection = new_connection;
+  ConditionVariable::ScopedLock lock(condition);
+  open = true;
+}
+
+bool CLogicalConnectionStream::is_receive_closed() {
+  ConditionVariable::ScopedLock lock(condition);
+  return receive_queue.empty() && !receive_open;
+}
+
+bool CLogicalConnectionStream::is_connection_closing() { return connection_closing; }
+
+}  // namespace base
+}  // namespace apm
