@@ -6,8 +6,11 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <string>
+#include <vector>
 
 #include "base/famerror.h"
+#include "tests/fixtures/sdkstandin.h"
 #include "tests/support/privateroot.h"
 
 namespace apm {
@@ -156,6 +159,39 @@ TEST(Directory, TraitsWithoutModuleStillRecordErrors) {
   FamError record(true);
   EXPECT_FALSE(_Directory<_apm_traits_none>(root.Path("/tmp/plain")).Create(false, 0));
   EXPECT_EQ(record.code, E_SYSTEM_BASE + ENOTDIR);
+}
+
+TEST(Directory, CreateAnnouncesThePathToTheOperatingSystemModule) {
+  test::RunWithSdk(test::SdkVariant::Full, [] {
+    test::PrivateRoot root;
+    const std::string path = root.Path("/var/opt/kelvora/evented/");
+    EXPECT_TRUE(Directory(path).Create(false, 0));
+    std::vector<test::SdkCall> events = test::RecordedSdkCalls("APMEventStr");
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(events[0].arguments, (std::vector<std::string>{"101", "0", "60", "0", path}));
+  });
+}
+
+TEST(Directory, RecursiveCreateAnnouncesEveryAttempt) {
+  test::RunWithSdk(test::SdkVariant::Full, [] {
+    test::PrivateRoot root;
+    EXPECT_TRUE(Directory(root.Path("/var/opt/kelvora/p/q")).Create(true, 0));
+    std::vector<std::string> paths;
+    for (const test::SdkCall& call : test::RecordedSdkCalls("APMEventStr")) {
+      paths.push_back(call.arguments.at(4));
+    }
+    EXPECT_EQ(paths, (std::vector<std::string>{root.Path("/var/opt/kelvora/p/q/"),
+                                               root.Path("/var/opt/kelvora/p/"),
+                                               root.Path("/var/opt/kelvora/p/q/")}));
+  });
+}
+
+TEST(Directory, TraitsWithoutModuleSendNoEvents) {
+  test::RunWithSdk(test::SdkVariant::Full, [] {
+    test::PrivateRoot root;
+    EXPECT_TRUE(_Directory<_apm_traits_none>(root.Path("/var/opt/kelvora/quiet")).Create(false, 0));
+    EXPECT_TRUE(test::RecordedSdkCalls().empty());
+  });
 }
 
 }  // namespace

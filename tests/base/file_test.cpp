@@ -10,9 +10,11 @@
 #include <regex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "base/famerror.h"
 #include "base/thread.h"
+#include "tests/fixtures/sdkstandin.h"
 #include "tests/support/privateroot.h"
 
 namespace apm {
@@ -26,6 +28,32 @@ mode_t PermissionsOf(const std::string& path) {
 }
 
 bool DescriptorIsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
+
+// 8-byte little-endian values as the stand-in library writes them: hex bytes.
+std::string HexOf(std::vector<uint64_t> values) {
+  static const char digits[] = "0123456789abcdef";
+  std::string hex;
+  for (uint64_t value : values) {
+    for (int i = 0; i < 8; ++i) {
+      uint8_t byte = static_cast<uint8_t>(value >> (8 * i));
+      hex += digits[byte >> 4];
+      hex += digits[byte & 15];
+    }
+  }
+  return hex;
+}
+
+// The calls of the "Operating System" module's file events, without error events.
+std::vector<test::SdkCall> FileEvents() {
+  std::vector<test::SdkCall> events;
+  for (const test::SdkCall& call : test::RecordedSdkCalls()) {
+    if ((call.entry == "APMEventStr" || call.entry == "APMEventArgs") &&
+        call.arguments.at(1) != "268439552") {
+      events.push_back(call);
+    }
+  }
+  return events;
+}
 
 TEST(File, SeedStepIsShiftedExclusiveOrPlusThreadIdIn64Bits) {
   EXPECT_EQ(File::NextTemporarySeed(1, 0), 129u);
@@ -225,6 +253,69 @@ TEST(File, RemoveDeletesAndReportsMissingFile) {
   EXPECT_EQ(record.code, 0);
   EXPECT_FALSE(File::Remove(root.Path("/tmp/gone")));
   EXPECT_EQ(record.code, E_SYSTEM_BASE + ENOENT);
+}
+
+TEST(File, OperationsAreAnnouncedToTheOperatingSystemModule) {
+  test::RunWithSdk(test::SdkVariant::Full, [] {
+    test::PrivateRoot root;
+    const std::string folder = Directory::GetTemporaryPath(true);
+    std::string path;
+    std::string fd;
+    {
+      File file;
+      ASSERT_TRUE(file.CreateTemporaryFile(folder, "data", path, 0, 5));
+      fd = std::to_string(file.GetDescriptor());
+      ASSERT_TRUE(file.Write("abc", 3));
+      lseek(file.GetDescriptor(), 0, SEEK_SET);
+      char buffer[16];
+      size_t read = 0;
+      ASSERT_TRUE(file.Read(buffer, sizeof(buffer), read));
+      uint64_t descriptor = static_cast<uint64_t>(file.GetDescriptor());
+      std::vector<test::SdkCall> events = FileEvents();
+      ASSERT_EQ(events.size(), 5u);
+      EXPECT_EQ(events[0].arguments, (std::vector<std::string>{"101", "0", "60", "0", folder}));
+      EXPECT_EQ(events[1].arguments, (std::vector<std::string>{"101", "0", "60", "1", path}));
+      EXPECT_EQ(events[2].entry, "APMEventArgs");
+      EXPECT_EQ(events[2].arguments, (std::vector<std::string>{"101", "0", "60", "2", "1", "2",
+                                                               HexOf({descriptor}), "8"}));
+      EXPECT_EQ(events[3].arguments, (std::vector<std::string>{"101", "4", "70", "0", "2", "2,2",
+                                                               HexOf({descriptor, 3}), "16"}));
+      EXPECT_EQ(events[4].arguments, (std::vector<std::string>{"101", "3", "70", "0", "2", "2,2",
+                                                               HexOf({descriptor, 16}), "16"}));
+    }
+    ASSERT_TRUE(File::Remove(path));
+    std::vector<test::SdkCall> events = FileEvents();
+    ASSERT_EQ(events.size(), 7u);
+    EXPECT_EQ(events[5].arguments, (std::vector<std::string>{"101", "5", "60", "0", path}));
+    EXPECT_EQ(events[6].arguments, (std::vector<std::string>{"101", "2", "60", "0", path}));
+  });
+}
+
+TEST(File, FailedOpenAnnouncesDescriptorMinusOne) {
+  test::RunWithSdk(test::SdkVariant::Full, [] {
+    test::PrivateRoot root;
+    FamError record(true);
+    File file;
+    EXPECT_FALSE(file.Open(root.Path("/tmp/absent"), O_RDONLY));
+    std::vector<test::SdkCall> events = FileEvents();
+    ASSERT_EQ(events.size(), 2u);
+    EXPECT_EQ(events[1].arguments.at(6), "ffffffffffffffff");
+  });
+}
+
+TEST(File, TraitsWithoutModuleSendNoEvents) {
+  test::RunWithSdk(test::SdkVariant::Full, [] {
+    test::PrivateRoot root;
+    {
+      _File<_apm_traits_none> file;
+      std::string path;
+      ASSERT_TRUE(file.CreateTemporaryFile(_Directory<_apm_traits_none>::GetTemporaryPath(true),
+                                           "data", path, 0));
+      ASSERT_TRUE(file.Write("x", 1));
+      ASSERT_TRUE(_File<_apm_traits_none>::Remove(path));
+    }
+    EXPECT_TRUE(test::RecordedSdkCalls().empty());
+  });
 }
 
 }  // namespace
