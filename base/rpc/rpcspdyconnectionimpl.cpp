@@ -162,13 +162,23 @@ void CSpdyConnectionImpl<Stream>::shutdown() {
   if (!socket || !socket->lowest_layer().is_open()) return;
   if (secured) {
     secured = false;
-    boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
-    socket->async_shutdown(on_strand([self](const boost::system::error_code& error) { self->handle_shutdown(error); }));
+    if (writing) {
+      tls_shutdown_deferred = true;
+    } else {
+      start_tls_shutdown();
+    }
   } else {
     boost::system::error_code ignored;
     socket->lowest_layer().close(ignored);
     socket_descriptor.store(-1);
   }
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::start_tls_shutdown() {
+  tls_shutdown_started = true;
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  socket->async_shutdown(on_strand([self](const boost::system::error_code& error) { self->handle_shutdown(error); }));
 }
 
 template <class Stream>
@@ -578,11 +588,11 @@ void CSpdyConnectionImpl<Stream>::start_write() {
     if (closing && streams.empty()) stop();
     return;
   }
-  if (!socket) {
-    // Nothing was ever connected: drop what is queued and end.
+  if (!socket || tls_shutdown_deferred || tls_shutdown_started) {
+    // Never connected, or the connection is ending: nothing more goes out.
     for (PendingFrame& frame : write_queue) CNetworkBuffer::Free(frame.buffer);
     write_queue.clear();
-    stop();
+    if (!socket) stop();
     return;
   }
   writing = true;
@@ -609,6 +619,10 @@ void CSpdyConnectionImpl<Stream>::start_write() {
 template <class Stream>
 void CSpdyConnectionImpl<Stream>::handle_write(const boost::system::error_code& error) {
   writing = false;
+  if (tls_shutdown_deferred) {
+    tls_shutdown_deferred = false;
+    start_tls_shutdown();
+  }
   if (error) {
     stop();
     return;

@@ -99,6 +99,8 @@ class CSpdyConnectionImpl : public CSpdyConnection,
   // Dispatches every complete frame received; false when the loop must end.
   bool process_received();
   void handle_write(const boost::system::error_code& error);
+  // Begins the TLS shutdown (close_notify); only with no write in progress.
+  void start_tls_shutdown();
   void handle_shutdown(const boost::system::error_code& error);
 
   // A completion handler that runs on the connection's strand.
@@ -110,6 +112,10 @@ class CSpdyConnectionImpl : public CSpdyConnection,
   boost::asio::ssl::context ssl_context;
   std::unique_ptr<Stream> socket;
   bool secured = false;
+  // The TLS shutdown waits for the write in progress: a close_notify produced
+  // while a write is under way would never be flushed.
+  bool tls_shutdown_deferred = false;
+  bool tls_shutdown_started = false;
   std::atomic<int> socket_descriptor{-1};
   ResolveResults resolved;
   // The version exchange message being written.
