@@ -1,0 +1,12 @@
+#include "ecomm/datacache.h"
+
+namespace apm {
+namespace ecomm {
+
+DataCache* GetDataCache() {
+  static DataCache cache;
+  return &cache;
+}
+
+}  // namespace ecomm
+}  // namespace apm
