@@ -1,16 +1,24 @@
 // Two-sided tests of the RPC engine over real TLS on 127.0.0.1: connecting,
 // request and response streams, flow control, failures of the peer, peer
 // verification, version checks and the orderly close.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <cstring>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "base/famerror.h"
+#include "base/rpc/rpcspdyserverconnection.h"
+#include "base/rpc/rpclogicalconnection.h"
 #include "base/rpc/rpcstreamconnection.h"
 #include "tests/support/rpctestenvironment.h"
 #include "tests/support/testcertificates.h"
@@ -23,6 +31,22 @@ using test::GetTestIdentity;
 using test::RpcTestEnvironment;
 
 typedef boost::shared_ptr<CLogicalConnectionStream> StreamPtr;
+
+// A plain TCP connect to 127.0.0.1, to see whether anything listens on a port.
+class RawConnectProbe {
+ public:
+  bool Connects(unsigned short port) {
+    int descriptor = socket(AF_INET, SOCK_STREAM, 0);
+    struct sockaddr_in address;
+    std::memset(&address, 0, sizeof(address));
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    bool connected = ::connect(descriptor, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)) == 0;
+    close(descriptor);
+    return connected;
+  }
+};
 
 // Reads a length-prefixed text (32-bit length in host order, then the bytes).
 bool ReadText(CLogicalConnectionStream& stream, std::string& text) {
@@ -64,8 +88,57 @@ bool Call(const boost::shared_ptr<IPhysicalConnection>& connection, const std::s
   return ReadText(*stream, answer);
 }
 
+// A one-shot signal between a handler thread and the test.
+class Latch {
+ public:
+  void Open() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+  }
+  bool Wait(int milliseconds = 10000) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::milliseconds(milliseconds), [&]() { return open_; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool open_ = false;
+};
+
+// Waits up to 10 s for `condition`.
+template <class Condition>
+bool Eventually(Condition condition) {
+  for (int step = 0; step < 1000; ++step) {
+    if (condition()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return condition();
+}
+
 class RpcConnectionTest : public ::testing::Test {
  protected:
+  RpcConnectionTest()
+      : buffers_allocated(CNetworkBuffer::Counter().allocations()), buffers_freed(CNetworkBuffer::Counter().frees()) {}
+
+  // After the whole environment has ended, every network buffer is freed.
+  void ExpectNoBufferLeft() {
+    environment.Shutdown();
+    EXPECT_EQ(CNetworkBuffer::Counter().allocations() - buffers_allocated,
+              CNetworkBuffer::Counter().frees() - buffers_freed);
+  }
+
+  // Shared with handler threads; declared before the environment, which joins
+  // them, so that it outlives them.
+  Latch first_latch;
+  Latch second_latch;
+  std::atomic<int> progress{0};
+  std::atomic<int> code{-1};
+  std::string text;
+  uint32_t buffers_allocated;
+  uint32_t buffers_freed;
+
   RpcTestEnvironment environment;
 };
 
@@ -86,6 +159,391 @@ TEST_F(RpcConnectionTest, RequestAndResponseTravelOnOneStream) {
   EXPECT_EQ("127.0.0.1", connection->get_remote_address());
   EXPECT_EQ("127.0.0.1", connection->get_local_address());
   EXPECT_FALSE(connection->is_stopped());
+}
+
+TEST_F(RpcConnectionTest, ManyConcurrentStreamsShareOneConnection) {
+  environment.server_factory.SetHandler(EchoHandler);
+  ASSERT_NE(0, environment.StartServer());
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect();
+  std::atomic<int> succeeded{0};
+  std::vector<std::thread> workers;
+  for (int worker = 0; worker < 32; ++worker) {
+    workers.emplace_back([&, worker]() {
+      FamError record;
+      for (int call = 0; call < 20; ++call) {
+        std::string text = std::to_string(worker) + "/" + std::to_string(call) + std::string(worker * 300, 'x');
+        std::string answer;
+        if (Call(connection, text, answer) && answer == "echo:" + text) ++succeeded;
+      }
+    });
+  }
+  for (std::thread& worker : workers) worker.join();
+  EXPECT_EQ(32 * 20, succeeded.load());
+  EXPECT_EQ(32 * 20, environment.server_factory.streams_created.load());
+  ExpectNoBufferLeft();
+}
+
+TEST_F(RpcConnectionTest, LargeStreamTravelsBothWays) {
+  const size_t size = 3 * 1024 * 1024 + 12345;
+  environment.server_factory.SetHandler([size](const StreamPtr& stream, const RPCConnectionHeaders&) {
+    std::vector<uint8_t> data(size);
+    if (!stream->Read(data.data(), size)) {
+      stream->Terminate();
+      return;
+    }
+    for (uint8_t& byte : data) byte = static_cast<uint8_t>(byte ^ 0x5a);
+    RPCConnectionHeaders headers;
+    stream->SendResponseHeaders(headers);
+    stream->Write(data.data(), static_cast<unsigned int>(size));
+  });
+  ASSERT_NE(0, environment.StartServer());
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect();
+  FamError record;
+  {
+    StreamPtr stream = CLogicalConnectionStream::create(connection);
+    ASSERT_TRUE(stream) << record.message;
+    std::vector<uint8_t> data(size);
+    for (size_t index = 0; index < size; ++index) data[index] = static_cast<uint8_t>(index * 7);
+    stream->SendRequestHeaders(1, 3601);
+    ASSERT_TRUE(stream->Write(data.data(), static_cast<unsigned int>(size)));
+    stream->EndStream();
+    RPCConnectionHeaders headers;
+    ASSERT_TRUE(stream->ReadResponseHeaders(headers)) << record.message;
+    std::vector<uint8_t> answer(size);
+    ASSERT_TRUE(stream->Read(answer.data(), size)) << record.message;
+    for (size_t index = 0; index < size; ++index) {
+      ASSERT_EQ(static_cast<uint8_t>((index * 7) ^ 0x5a), answer[index]) << index;
+    }
+    EXPECT_EQ(size, stream->GetTotalSent());
+    EXPECT_EQ(size, stream->GetTotalReceived());
+    char byte;
+    EXPECT_FALSE(stream->Read(&byte, 1));
+  }
+  ExpectNoBufferLeft();
+}
+
+TEST_F(RpcConnectionTest, WriterBlocksAtTheWindowUntilTheReaderReads) {
+  const int chunks = 400;  // 3.2 MiB, three windows and more
+  environment.server_factory.SetHandler([&](const StreamPtr& stream, const RPCConnectionHeaders&) {
+    first_latch.Wait();  // nothing is read, nothing acknowledged, until the test says so
+    std::vector<uint8_t> chunk(8192);
+    int read = 0;
+    while (read < chunks && stream->Read(chunk.data(), chunk.size())) ++read;
+    code = read;
+  });
+  ASSERT_NE(0, environment.StartServer());
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect();
+  FamError record;
+  StreamPtr stream = CLogicalConnectionStream::create(connection);
+  ASSERT_TRUE(stream) << record.message;
+  stream->SendRequestHeaders(1, 3601);
+  std::thread writer([&]() {
+    std::vector<uint8_t> chunk(8192, 1);
+    for (int index = 0; index < chunks; ++index) {
+      if (!stream->Write(chunk.data(), static_cast<unsigned int>(chunk.size()))) break;
+      ++progress;
+    }
+    stream->EndStream();
+  });
+  // A frame goes out while at most 1048576 bytes are outstanding: 129 full buffers,
+  // and the 130th write waits.
+  EXPECT_TRUE(Eventually([&]() { return progress.load() >= 129; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  EXPECT_EQ(129, progress.load());
+  first_latch.Open();
+  writer.join();
+  EXPECT_EQ(chunks, progress.load());
+  environment.server_factory.JoinHandlers();
+  EXPECT_EQ(chunks, code.load());
+  stream.reset();
+  ExpectNoBufferLeft();
+}
+
+TEST_F(RpcConnectionTest, SenderBlockedOnTheWindowIsFreedByATerminate) {
+  environment.server_factory.SetHandler([&](const StreamPtr& stream, const RPCConnectionHeaders&) {
+    first_latch.Wait();
+    stream->Terminate();
+  });
+  ASSERT_NE(0, environment.StartServer());
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect();
+  FamError record;
+  StreamPtr stream = CLogicalConnectionStream::create(connection);
+  ASSERT_TRUE(stream) << record.message;
+  stream->SendRequestHeaders(1, 3601);
+  std::thread writer([&]() {
+    std::vector<uint8_t> chunk(8192, 1);
+    for (int index = 0; index < 200; ++index) {
+      // A terminated stream swallows what is written.
+      EXPECT_TRUE(stream->Write(chunk.data(), static_cast<unsigned int>(chunk.size())));
+      ++progress;
+    }
+  });
+  EXPECT_TRUE(Eventually([&]() { return progress.load() >= 129; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  EXPECT_EQ(129, progress.load());
+  first_latch.Open();
+  writer.join();
+  EXPECT_EQ(200, progress.load());
+  RPCConnectionHeaders headers;
+  EXPECT_FALSE(stream->ReadResponseHeaders(headers));
+  EXPECT_EQ(5, record.code);
+  EXPECT_EQ("reset", record.message);
+  stream.reset();
+  ExpectNoBufferLeft();
+}
+
+TEST_F(RpcConnectionTest, PeerVanishingMidStreamEndsTheReadWithStreamInUse) {
+  environment.server_factory.SetHandler([&](const StreamPtr& stream, const RPCConnectionHeaders&) {
+    RPCConnectionHeaders headers;
+    stream->SendResponseHeaders(headers);
+    stream->Write("part", 4);
+    stream->Flush();
+    first_latch.Wait();
+    // The accepting side goes away under the stream, which the handler still holds.
+    boost::static_pointer_cast<CLogicalConnection>(stream->get_connection())->get_physical_connection()->close(true);
+    second_latch.Wait();
+  });
+  ASSERT_NE(0, environment.StartServer());
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect();
+  FamError record;
+  StreamPtr stream = CLogicalConnectionStream::create(connection);
+  ASSERT_TRUE(stream) << record.message;
+  stream->SendRequestHeaders(1, 3600);
+  stream->EndStream();
+  RPCConnectionHeaders headers;
+  ASSERT_TRUE(stream->ReadResponseHeaders(headers));
+  char part[4];
+  ASSERT_TRUE(stream->Read(part, 4));
+  first_latch.Open();
+  // Past the end of the first segment the stream waits for more, and learns that
+  // the connection has died.
+  stream->NextSegment();
+  char more[4];
+  EXPECT_FALSE(stream->Read(more, 4));
+  EXPECT_EQ(8, record.code);
+  EXPECT_EQ("stream in use", record.message);
+  EXPECT_TRUE(Eventually([&]() { return connection->is_stopped(); }));
+  EXPECT_TRUE(environment.client_factory.WaitForClosed(1, 5000));
+  // A stopped connection that had been open reports only that it is not connected.
+  EXPECT_TRUE(Eventually([&]() {
+    record.code = 0;
+    connection->get_version();
+    return record.code != 0;
+  }));
+  EXPECT_EQ(static_cast<int>(0x80004005), record.code);
+  EXPECT_EQ("not connected", record.message);
+  // Writing to the dead stream is no error; the data vanish.
+  EXPECT_TRUE(stream->Write("late", 4));
+  stream->Flush();
+  stream.reset();
+  EXPECT_FALSE(CLogicalConnectionStream::create(connection));
+  second_latch.Open();
+  ExpectNoBufferLeft();
+}
+
+TEST_F(RpcConnectionTest, UntrustedClientCertificateIsRefused) {
+  environment.server_factory.SetHandler(EchoHandler);
+  ASSERT_NE(0, environment.StartServer());
+  RPCConnectionParameters parameters = environment.ClientParameters(environment.port);
+  parameters.certificate_file = GetTestIdentity("rogue").certificate_file;
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect(parameters);
+  FamError record;
+  EXPECT_FALSE(CLogicalConnectionStream::create(connection));
+  // Refused in the TLS handshake; with TLS 1.3 the client learns it on its first read.
+  EXPECT_TRUE(record.message.find("cannot establish secure connection (") == 0 ||
+              record.message.find("could not receive initial rpc handshake (") == 0)
+      << record.message;
+  EXPECT_TRUE(connection->is_stopped());
+  EXPECT_EQ(0, environment.server_factory.connections_opened.load());
+  ExpectNoBufferLeft();
+}
+
+TEST_F(RpcConnectionTest, ListedFingerprintInAnyCaseIsTrusted) {
+  environment.server_factory.SetHandler(EchoHandler);
+  std::string fingerprint = GetTestIdentity("client").fingerprint;
+  for (char& c : fingerprint) c = static_cast<char>(toupper(c));
+  test::WriteTextFile(environment.PathOf("upper_trust.cfg"), "\n" + fingerprint + " any comment\n");
+  RPCConnectionParameters parameters = environment.ServerParameters();
+  parameters.trusted_certificates_file = environment.PathOf("upper_trust.cfg");
+  ASSERT_NE(0, environment.StartServer(parameters));
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect();
+  FamError record;
+  std::string answer;
+  EXPECT_TRUE(Call(connection, "trusted", answer)) << record.message;
+}
+
+TEST_F(RpcConnectionTest, ConnectingSideRefusesAPeerBelowItsMinimumVersion) {
+  ASSERT_NE(0, environment.StartServer());
+  RPCConnectionParameters parameters = environment.ClientParameters(environment.port);
+  parameters.min_version = RPC_LOCAL_VERSION + 1;
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect(parameters);
+  FamError record;
+  EXPECT_FALSE(CLogicalConnectionStream::create(connection));
+  EXPECT_EQ(static_cast<int>(0x80004005), record.code);
+  EXPECT_EQ("remote rpc version is incompatible", record.message);
+}
+
+TEST_F(RpcConnectionTest, VersionEqualToTheMinimumIsAcceptedOnBothSides) {
+  environment.server_factory.SetHandler(EchoHandler);
+  RPCConnectionParameters server_parameters = environment.ServerParameters();
+  server_parameters.min_version = RPC_LOCAL_VERSION;
+  ASSERT_NE(0, environment.StartServer(server_parameters));
+  RPCConnectionParameters parameters = environment.ClientParameters(environment.port);
+  parameters.min_version = RPC_LOCAL_VERSION;
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect(parameters);
+  FamError record;
+  std::string answer;
+  EXPECT_TRUE(Call(connection, "equal", answer)) << record.message;
+}
+
+TEST_F(RpcConnectionTest, OrderlyCloseLetsTheCallInFlightFinish) {
+  environment.server_factory.SetHandler([&](const StreamPtr& stream, const RPCConnectionHeaders& headers) {
+    std::string text;
+    ReadText(*stream, text);
+    first_latch.Open();
+    // The client's GOAWAY reaches this stream as "closing".
+    Eventually([&]() { return stream->is_connection_closing(); });
+    RPCConnectionHeaders response;
+    stream->SendResponseHeaders(response);
+    WriteText(*stream, stream->is_connection_closing() ? "closing" : "open");
+    (void)headers;
+  });
+  ASSERT_NE(0, environment.StartServer());
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect();
+  FamError record;
+  StreamPtr stream = CLogicalConnectionStream::create(connection);
+  ASSERT_TRUE(stream) << record.message;
+  stream->SendRequestHeaders(1, 3600);
+  WriteText(*stream, "request");
+  stream->EndStream();
+  ASSERT_TRUE(first_latch.Wait());
+  connection->close(false);
+  EXPECT_TRUE(Eventually([&]() { return connection->is_stopped(); }));
+  RPCConnectionHeaders headers;
+  ASSERT_TRUE(stream->ReadResponseHeaders(headers)) << record.message;
+  std::string answer;
+  ASSERT_TRUE(ReadText(*stream, answer)) << record.message;
+  EXPECT_EQ("closing", answer);
+  stream.reset();
+  // With its last stream gone the connection stops, and both factories hear of it.
+  EXPECT_TRUE(environment.client_factory.WaitForClosed(1, 5000));
+  EXPECT_TRUE(environment.server_factory.WaitForClosed(1, 5000));
+  EXPECT_TRUE(Eventually([&]() { return !CLogicalConnectionStream::create(connection); }));
+  ExpectNoBufferLeft();
+}
+
+TEST_F(RpcConnectionTest, RefusedConnectionReportsCouldNotConnect) {
+  // A port that was free a moment ago: bind and release it.
+  ASSERT_NE(0, environment.StartServer());
+  const unsigned short port = environment.port;
+  environment.server->close(true);
+  EXPECT_TRUE(Eventually([&]() {
+    RawConnectProbe probe;
+    return !probe.Connects(port);
+  }));
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect(environment.ClientParameters(port));
+  FamError record;
+  EXPECT_FALSE(CLogicalConnectionStream::create(connection));
+  EXPECT_EQ(ECONNREFUSED, record.code);
+  EXPECT_EQ("could not connect to 127.0.0.1:" + std::to_string(port) + " (Connection refused)", record.message);
+  EXPECT_TRUE(connection->is_stopped());
+  EXPECT_TRUE(environment.client_factory.WaitForClosed(1, 5000));
+}
+
+TEST_F(RpcConnectionTest, RefusedStreamReadsAsResetWithStatus3) {
+  environment.server_factory.SetRefuseStreams(true);
+  ASSERT_NE(0, environment.StartServer());
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect();
+  FamError record;
+  StreamPtr stream = CLogicalConnectionStream::create(connection);
+  ASSERT_TRUE(stream);
+  stream->SendRequestHeaders(1, 3605);
+  stream->EndStream();
+  RPCConnectionHeaders headers;
+  EXPECT_FALSE(stream->ReadResponseHeaders(headers));
+  EXPECT_EQ(3, record.code);
+  EXPECT_EQ("reset", record.message);
+  EXPECT_EQ("3605", environment.server_factory.last_headers[RPC_HEADER_FUNCTION]);
+}
+
+TEST_F(RpcConnectionTest, ErrorResponseCarriesCodeAndTextInKeys3And4) {
+  environment.server_factory.SetHandler([](const StreamPtr& stream, const RPCConnectionHeaders&) {
+    std::string text;
+    ReadText(*stream, text);
+    RPCConnectionHeaders response;
+    response.set<unsigned int>(RPC_HEADER_ERROR_CODE, 0x80004005u);
+    response[RPC_HEADER_ERROR_TEXT] = "it failed";
+    stream->SendResponseHeaders(response);
+  });
+  ASSERT_NE(0, environment.StartServer());
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect();
+  FamError record;
+  StreamPtr stream = CLogicalConnectionStream::create(connection);
+  ASSERT_TRUE(stream);
+  stream->SendRequestHeaders(1, 3600);
+  WriteText(*stream, "x");
+  stream->EndStream();
+  RPCConnectionHeaders headers;
+  ASSERT_TRUE(stream->ReadResponseHeaders(headers));
+  EXPECT_EQ("2147500037", headers[RPC_HEADER_ERROR_CODE]);
+  EXPECT_EQ("it failed", headers[RPC_HEADER_ERROR_TEXT]);
+  // No record follows: an empty marked frame, then the end.
+  char byte;
+  record.code = 99;
+  EXPECT_FALSE(stream->Read(&byte, 1));
+  EXPECT_EQ(99, record.code);
+  stream->NextSegment();
+  EXPECT_FALSE(stream->Read(&byte, 1));
+  EXPECT_EQ(0, record.code);
+}
+
+TEST_F(RpcConnectionTest, PingMeasuresTheRoundTripAndKeepsTheConnection) {
+  environment.server_factory.SetHandler(EchoHandler);
+  RPCConnectionParameters server_parameters = environment.ServerParameters();
+  server_parameters.ping_interval = 3;
+  ASSERT_NE(0, environment.StartServer(server_parameters));
+  RPCConnectionParameters parameters = environment.ClientParameters(environment.port);
+  parameters.ping_interval = 3;  // 30 ms
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect(parameters);
+  FamError record;
+  std::string answer;
+  ASSERT_TRUE(Call(connection, "first", answer)) << record.message;
+  EXPECT_TRUE(Eventually([&]() { return connection->get_round_trip_time() > 0; }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_FALSE(connection->is_stopped());
+  EXPECT_TRUE(Call(connection, "second", answer)) << record.message;
+}
+
+TEST_F(RpcConnectionTest, BindOnATakenPortFailsAndLaterAttemptsReturnAtOnce) {
+  ASSERT_NE(0, environment.StartServer());
+  boost::shared_ptr<IServerConnection> second =
+      IServerConnection::CreateSpdyServer(environment.server_service, &environment.server_factory);
+  RPCConnectionParameters parameters = environment.ServerParameters();
+  parameters.port = environment.port;
+  FamError record;
+  EXPECT_FALSE(second->bind(parameters));
+  EXPECT_EQ(EADDRINUSE, record.code);
+  // The outcome of the first attempt stands; a further attempt is only posted.
+  EXPECT_FALSE(second->bind(parameters));
+  // Once the port is free, a later attempt succeeds and the next poll sees it.
+  environment.server->close(true);
+  EXPECT_TRUE(Eventually([&]() { return second->bind(parameters); }));
+  second->close(true);
+}
+
+TEST_F(RpcConnectionTest, ClosedAcceptorTakesNoNewConnections) {
+  environment.server_factory.SetHandler(EchoHandler);
+  ASSERT_NE(0, environment.StartServer());
+  boost::shared_ptr<IPhysicalConnection> first = environment.Connect();
+  FamError record;
+  std::string answer;
+  ASSERT_TRUE(Call(first, "before", answer)) << record.message;
+  environment.server->close(false);
+  // Open connections get the orderly close and stop.
+  EXPECT_TRUE(Eventually([&]() { return first->is_stopped(); }));
+  boost::shared_ptr<IPhysicalConnection> second = environment.Connect();
+  EXPECT_FALSE(CLogicalConnectionStream::create(second));
+  EXPECT_EQ(0u, record.message.find("could not connect to 127.0.0.1:")) << record.message;
 }
 
 }  // namespace
