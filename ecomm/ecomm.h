@@ -61,7 +61,9 @@ class CEcomm : public base::Scheduler {
   // Takes every message from the queue, including those added meanwhile, in order
   // of arrival, and releases each outside the lock.
   void ProcessMessageQueue();
-  // Appends `message` at the back of the queue.
+  // Appends `message` at the back of the queue, under the lock. The drain's first
+  // look at the queue is taken without the lock, so a message posted while a drain
+  // runs on another thread may be left for the next run.
   void PostMessage(base::CRefPtr<CMessage> message);
 
   // Handle from APMRegisterApplication, 0 while not registered.
