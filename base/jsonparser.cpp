@@ -106,7 +106,14 @@ void JsonParser::skipBOM() {
 bool JsonParser::getNextToken(JsonTokenType& token) {
   tokenBuffer.clear();
   tokenHasNul = false;
-  while (hasCurrentByte && isJsonSpace(currentByte)) advance();
+  while (hasCurrentByte && isJsonSpace(currentByte)) {
+    // The rest of a run of white space straight from the reader's window.
+    const unsigned char* position = reader.pending();
+    const unsigned char* end = reader.pendingEnd();
+    while (position != end && isJsonSpace(*position)) ++position;
+    reader.consume(position);
+    advance();
+  }
   if (!hasCurrentByte) {
     token = json_end;
     return false;
@@ -197,25 +204,33 @@ void JsonParser::readNumber(JsonTokenType& token) {
     tokenBuffer.append('-');
     advance();
   }
-  while (hasCurrentByte && isDigit(currentByte)) {
-    tokenBuffer.append(static_cast<char>(currentByte));
-    advance();
-  }
+  takeDigits(true);
   if (hasCurrentByte && currentByte == '.') {
     token = json_float_token;
     tokenBuffer.append('.');
     advance();
-    while (hasCurrentByte && isDigit(currentByte)) {
-      tokenBuffer.append(static_cast<char>(currentByte));
-      advance();
-    }
+    takeDigits(true);
   }
   if (hasCurrentByte && (currentByte == 'e' || currentByte == 'E')) {
     // The exponent is read and dropped: "1.5e3" is 1.5.
     token = json_float_token;
     advance();
     if (hasCurrentByte && (currentByte == '+' || currentByte == '-')) advance();
-    while (hasCurrentByte && isDigit(currentByte)) advance();
+    takeDigits(false);
+  }
+}
+
+void JsonParser::takeDigits(bool keep) {
+  while (hasCurrentByte && isDigit(currentByte)) {
+    if (keep) tokenBuffer.append(static_cast<char>(currentByte));
+    // The rest of the run straight from the reader's window.
+    const unsigned char* begin = reader.pending();
+    const unsigned char* end = reader.pendingEnd();
+    const unsigned char* position = begin;
+    while (position != end && isDigit(*position)) ++position;
+    if (keep) tokenBuffer.append(reinterpret_cast<const char*>(begin), static_cast<size_t>(position - begin));
+    reader.consume(position);
+    advance();
   }
 }
 

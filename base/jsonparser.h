@@ -97,6 +97,8 @@ class JsonParser {
   void readString();
   void readUnicodeEscape();
   void readNumber(JsonTokenType& token);
+  // Takes the digits from the current byte on, into the token buffer if `keep`.
+  void takeDigits(bool keep);
   bool readWord(JsonTokenType& token);
 
   bool parseValue(JsonTokenType token, CRefPtr<JsonValue>& value);

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <typeinfo>
 
 #include "base/strtools.h"
 
@@ -12,21 +13,31 @@ namespace base {
 
 namespace {
 
-// Writes straight into the stream's buffer; serialization emits many short pieces
-// and the buffer takes them without a sentry for each.
+// Collects the output of one serialization in a block of its own and hands it to
+// the stream's buffer in large pieces: a tree is written as many short pieces, and
+// a stream buffer takes each piece at a cost. Whatever is left goes out when the
+// writer dies.
 class StreamWriter {
  public:
-  explicit StreamWriter(std::ostream& out) : out_(out), buffer_(out.rdbuf()) {}
+  explicit StreamWriter(std::ostream& out) : out_(out) {}
+  ~StreamWriter() { flush(); }
+  StreamWriter(const StreamWriter&) = delete;
+  StreamWriter& operator=(const StreamWriter&) = delete;
 
   void put(char c) {
-    if (buffer_ == nullptr || buffer_->sputc(c) == std::char_traits<char>::eof()) fail();
+    if (used_ == sizeof(block_)) flush();
+    block_[used_++] = c;
   }
   void write(const char* data, size_t length) {
-    if (length == 0) return;
-    if (buffer_ == nullptr ||
-        buffer_->sputn(data, static_cast<std::streamsize>(length)) != static_cast<std::streamsize>(length)) {
-      fail();
+    if (length > sizeof(block_) - used_) {
+      flush();
+      if (length >= sizeof(block_)) {
+        pass(data, length);
+        return;
+      }
     }
+    memcpy(block_ + used_, data, length);
+    used_ += length;
   }
   void write(const std::string& text) { write(text.data(), text.size()); }
 
@@ -42,11 +53,30 @@ class StreamWriter {
     }
   }
 
+  // The stream, with everything written so far handed over.
+  std::ostream& stream() {
+    flush();
+    return out_;
+  }
+
+  void flush() {
+    if (used_ == 0) return;
+    pass(block_, used_);
+    used_ = 0;
+  }
+
  private:
-  void fail() { out_.setstate(std::ios_base::badbit); }
+  void pass(const char* data, size_t length) {
+    std::streambuf* buffer = out_.rdbuf();
+    if (buffer == nullptr ||
+        buffer->sputn(data, static_cast<std::streamsize>(length)) != static_cast<std::streamsize>(length)) {
+      out_.setstate(std::ios_base::badbit);
+    }
+  }
 
   std::ostream& out_;
-  std::streambuf* buffer_;
+  size_t used_ = 0;
+  char block_[8192];
 };
 
 // Byte classes of escapeJsonString.
@@ -117,6 +147,27 @@ void writeInteger(StreamWriter& writer, int64_t value) {
   std::to_chars_result result = std::to_chars(text, text + sizeof(text), value);
   writer.write(text, static_cast<size_t>(result.ptr - text));
 }
+
+// The text of JsonValueDouble::getString into `text` (at least 40 bytes); returns
+// its length.
+size_t formatDouble(double value, char* text) {
+  const char* special = nullptr;
+  if (std::isnan(value)) {
+    special = std::signbit(value) ? "-nan" : "nan";
+  } else if (std::isinf(value)) {
+    special = value < 0 ? "-inf" : "inf";
+  }
+  if (special != nullptr) {
+    const size_t length = strlen(special);
+    memcpy(text, special, length);
+    return length;
+  }
+  // The same text as "%.*g" with precision 17, without the locale.
+  std::to_chars_result result = std::to_chars(text, text + 40, value, std::chars_format::general, 17);
+  return static_cast<size_t>(result.ptr - text);
+}
+
+void writeValue(StreamWriter& writer, const JsonValue& value, JsonSerializationContext& context);
 
 }  // namespace
 
@@ -209,7 +260,8 @@ void JsonValue::escapeJsonString(std::ostream& out, const std::string& text) {
 // Scalars
 
 void JsonValueString::serializeCtx(std::ostream& out, JsonSerializationContext&) const {
-  escapeJsonString(out, value);
+  StreamWriter writer(out);
+  escapeInto(writer, value);
 }
 
 bool JsonValueString::getInteger(long& result) const { return StringToInt(value, result); }
@@ -235,18 +287,14 @@ bool JsonValueInteger::getInteger(long& result) const {
 void JsonValueInteger::Copy(CRefPtr<JsonValue>& copy) const { copy = new JsonValueInteger(value); }
 
 std::string JsonValueDouble::getString() const {
-  if (std::isnan(value)) return std::signbit(value) ? "-nan" : "nan";
-  if (std::isinf(value)) return value < 0 ? "-inf" : "inf";
-  // The same text as "%.*g" with precision 17, without the locale.
   char text[40];
-  std::to_chars_result result =
-      std::to_chars(text, text + sizeof(text), value, std::chars_format::general, 17);
-  return std::string(text, result.ptr);
+  return std::string(text, formatDouble(value, text));
 }
 
 void JsonValueDouble::serializeCtx(std::ostream& out, JsonSerializationContext&) const {
   StreamWriter writer(out);
-  writer.write(getString());
+  char text[40];
+  writer.write(text, formatDouble(value, text));
 }
 
 bool JsonValueDouble::getInteger(long& result) const {
@@ -286,16 +334,19 @@ void JsonValueNull::serializeCtx(std::ostream& out, JsonSerializationContext&) c
 void JsonValueNull::Copy(CRefPtr<JsonValue>& copy) const { copy = new JsonValueNull(); }
 
 // ---------------------------------------------------------------------------
-// JsonValueObject
+// Writing a tree. The classes of this file are written through one StreamWriter
+// for the whole tree; a value of another class derived from JsonValue writes
+// itself through its own serializeCtx.
 
-void JsonValueObject::serializeCtx(std::ostream& out, JsonSerializationContext& context) const {
-  StreamWriter writer(out);
+namespace {
+
+void writeObject(StreamWriter& writer, const JsonValueObject& object, JsonSerializationContext& context) {
   writer.put('{');
   ++context.level;
-  const bool indent = context.pretty && !values.empty();
+  const bool indent = context.pretty && !object.values.empty();
   if (indent) writer.newLine(context.level);
   bool first = true;
-  for (const auto& entry : values) {
+  for (const auto& entry : object.values) {
     if (!first) {
       writer.put(',');
       if (context.pretty) writer.newLine(context.level);
@@ -304,11 +355,93 @@ void JsonValueObject::serializeCtx(std::ostream& out, JsonSerializationContext& 
     escapeInto(writer, entry.first);
     writer.put(':');
     if (context.pretty) writer.put(' ');
-    entry.second->serializeCtx(out, context);
+    writeValue(writer, *entry.second, context);
   }
   if (context.level > 0) --context.level;
   if (indent) writer.newLine(context.level);
   writer.put('}');
+}
+
+void writeArray(StreamWriter& writer, const JsonValueArray& array, JsonSerializationContext& context) {
+  writer.put('[');
+  ++context.level;
+  const bool indent = context.pretty && !array.values.empty();
+  if (indent) writer.newLine(context.level);
+  bool first = true;
+  for (const CRefPtr<JsonValue>& element : array.values) {
+    if (!first) {
+      writer.put(',');
+      if (context.pretty) writer.newLine(context.level);
+    }
+    first = false;
+    writeValue(writer, *element, context);
+  }
+  if (context.level > 0) --context.level;
+  if (indent) writer.newLine(context.level);
+  writer.put(']');
+}
+
+void writeValue(StreamWriter& writer, const JsonValue& value, JsonSerializationContext& context) {
+  const std::type_info& type = typeid(value);
+  switch (value.getType()) {
+    case json_type_string:
+      if (type == typeid(JsonValueString)) {
+        escapeInto(writer, static_cast<const JsonValueString&>(value).value);
+        return;
+      }
+      break;
+    case json_type_number:
+      if (type == typeid(JsonValueInteger)) {
+        writeInteger(writer, static_cast<const JsonValueInteger&>(value).value);
+        return;
+      }
+      if (type == typeid(JsonValueDouble)) {
+        char text[40];
+        writer.write(text, formatDouble(static_cast<const JsonValueDouble&>(value).value, text));
+        return;
+      }
+      break;
+    case json_type_object:
+      if (type == typeid(JsonValueObject)) {
+        writeObject(writer, static_cast<const JsonValueObject&>(value), context);
+        return;
+      }
+      break;
+    case json_type_array:
+      if (type == typeid(JsonValueArray)) {
+        writeArray(writer, static_cast<const JsonValueArray&>(value), context);
+        return;
+      }
+      break;
+    case json_type_true:
+    case json_type_false:
+      if (type == typeid(JsonValueBoolean)) {
+        if (static_cast<const JsonValueBoolean&>(value).value) {
+          writer.write("true", 4);
+        } else {
+          writer.write("false", 5);
+        }
+        return;
+      }
+      break;
+    case json_type_null:
+      if (type == typeid(JsonValueNull)) {
+        writer.write("null", 4);
+        return;
+      }
+      break;
+  }
+  value.serializeCtx(writer.stream(), context);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// JsonValueObject
+
+void JsonValueObject::serializeCtx(std::ostream& out, JsonSerializationContext& context) const {
+  StreamWriter writer(out);
+  writeValue(writer, *this, context);
 }
 
 void JsonValueObject::Copy(CRefPtr<JsonValue>& copy) const {
@@ -410,22 +543,7 @@ bool JsonValueObject::getValue(const std::string& key, unsigned int& value) cons
 
 void JsonValueArray::serializeCtx(std::ostream& out, JsonSerializationContext& context) const {
   StreamWriter writer(out);
-  writer.put('[');
-  ++context.level;
-  const bool indent = context.pretty && !values.empty();
-  if (indent) writer.newLine(context.level);
-  bool first = true;
-  for (const CRefPtr<JsonValue>& element : values) {
-    if (!first) {
-      writer.put(',');
-      if (context.pretty) writer.newLine(context.level);
-    }
-    first = false;
-    element->serializeCtx(out, context);
-  }
-  if (context.level > 0) --context.level;
-  if (indent) writer.newLine(context.level);
-  writer.put(']');
+  writeValue(writer, *this, context);
 }
 
 void JsonValueArray::Copy(CRefPtr<JsonValue>& copy) const {
