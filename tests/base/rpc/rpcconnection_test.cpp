@@ -546,6 +546,93 @@ TEST_F(RpcConnectionTest, ClosedAcceptorTakesNoNewConnections) {
   EXPECT_EQ(0u, record.message.find("could not connect to 127.0.0.1:")) << record.message;
 }
 
+TEST_F(RpcConnectionTest, ClientOlderThanTheServersMinimumGetsNoHandshakeResponse) {
+  RPCConnectionParameters server_parameters = environment.ServerParameters();
+  server_parameters.min_version = RPC_LOCAL_VERSION + 1;
+  ASSERT_NE(0, environment.StartServer(server_parameters));
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect();
+  FamError record;
+  EXPECT_FALSE(CLogicalConnectionStream::create(connection));
+  EXPECT_EQ(0u, record.message.find("could not receive initial rpc handshake (")) << record.message;
+  EXPECT_EQ(0, environment.server_factory.connections_opened.load());
+  EXPECT_TRUE(environment.client_factory.WaitForClosed(1, 5000));
+}
+
+TEST_F(RpcConnectionTest, ClientWithoutCertificateIsRefused) {
+  ASSERT_NE(0, environment.StartServer());
+  RPCConnectionParameters parameters = environment.ClientParameters(environment.port);
+  parameters.certificate_file.clear();
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect(parameters);
+  FamError record;
+  EXPECT_FALSE(CLogicalConnectionStream::create(connection));
+  EXPECT_TRUE(record.message.find("cannot establish secure connection (") == 0 ||
+              record.message.find("could not receive initial rpc handshake (") == 0)
+      << record.message;
+  EXPECT_EQ(0, environment.server_factory.connections_opened.load());
+}
+
+TEST_F(RpcConnectionTest, ServerWithoutCertificateCannotCompleteTheHandshake) {
+  RPCConnectionParameters server_parameters = environment.ServerParameters();
+  server_parameters.certificate_file.clear();
+  ASSERT_NE(0, environment.StartServer(server_parameters));
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect();
+  FamError record;
+  EXPECT_FALSE(CLogicalConnectionStream::create(connection));
+  EXPECT_EQ(0u, record.message.find("cannot establish secure connection (")) << record.message;
+  EXPECT_TRUE(environment.server_factory.WaitForClosed(1, 5000));
+}
+
+TEST_F(RpcConnectionTest, UnreadableCertificateFileFailsBeforeConnecting) {
+  RPCConnectionParameters parameters = environment.ClientParameters(1);
+  parameters.certificate_file = environment.PathOf("missing.pem");
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect(parameters);
+  FamError record;
+  EXPECT_FALSE(CLogicalConnectionStream::create(connection));
+  EXPECT_EQ(static_cast<int>(0x80004005), record.code);
+  EXPECT_EQ(0u, record.message.find("could not create socket: invalid certificate \"" + parameters.certificate_file +
+                                    "\" ("))
+      << record.message;
+}
+
+TEST_F(RpcConnectionTest, InvalidCipherListFailsBeforeConnecting) {
+  RPCConnectionParameters parameters = environment.ClientParameters(1);
+  parameters.cipher_list = "NO-SUCH-CIPHER";
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect(parameters);
+  FamError record;
+  EXPECT_FALSE(CLogicalConnectionStream::create(connection));
+  EXPECT_EQ("could not create socket: error setting cipher list", record.message);
+}
+
+TEST_F(RpcConnectionTest, ConnectThatGetsNoAnswerRunsIntoTheTimeout) {
+  // A listener with a full accept queue drops further connection requests, so the
+  // next connect hangs.
+  int listener = socket(AF_INET, SOCK_STREAM, 0);
+  struct sockaddr_in address;
+  std::memset(&address, 0, sizeof(address));
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, ::bind(listener, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)));
+  ASSERT_EQ(0, ::listen(listener, 0));
+  socklen_t length = sizeof(address);
+  getsockname(listener, reinterpret_cast<struct sockaddr*>(&address), &length);
+  const unsigned short port = ntohs(address.sin_port);
+  int filler = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_EQ(0, ::connect(filler, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)));
+
+  RPCConnectionParameters parameters = environment.ClientParameters(port);
+  parameters.connect_timeout = 20;
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect(parameters);
+  FamError record;
+  auto started = std::chrono::steady_clock::now();
+  EXPECT_FALSE(CLogicalConnectionStream::create(connection));
+  EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(150));
+  EXPECT_EQ(static_cast<int>(0x80004005), record.code);
+  EXPECT_EQ("timeout connecting to 127.0.0.1:" + std::to_string(port), record.message);
+  EXPECT_TRUE(environment.client_factory.WaitForClosed(1, 5000));
+  close(filler);
+  close(listener);
+}
+
 }  // namespace
 }  // namespace base
 }  // namespace apm
