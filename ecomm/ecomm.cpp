@@ -1,5 +1,6 @@
 #include "ecomm/ecomm.h"
 
+#include "ecomm/ecommrpcclient.h"
 #include "telemetry/apmsdk.h"
 
 namespace apm {
@@ -25,11 +26,11 @@ void CEcomm::Shutdown() {
     UnscheduleItem(messageTaskId);
     messageTaskId = 0;
   }
-  // Seam of the RPC client layer: RPCClientSessionManagerServer::stop_instance()
-  // goes here, ending the outgoing sessions while the workers that use them still run.
+  // Ends the outgoing sessions while the workers that use them still run.
+  RPCClientSessionManagerServer::stop_instance();
   Stop();
-  // Seam of the RPC client layer: RPCClientSessionManagerServer::delete_instance()
-  // goes here, once no worker can reach the session manager any more.
+  // No worker can reach the session manager any more.
+  RPCClientSessionManagerServer::delete_instance();
   if (applicationId != 0) {
     APMUnregisterApplication(applicationId);
     applicationId = 0;
