@@ -422,6 +422,30 @@ TEST(JsonValue, EscapeTableRowByRow) {
   }
 }
 
+// A value class of a caller's own, which serializes itself.
+class Placeholder : public JsonValue {
+ public:
+  JsonValueType getType() const override { return json_type_string; }
+  std::string getString() const override { return "placeholder"; }
+  void serializeCtx(std::ostream& out, JsonSerializationContext& context) const override {
+    out << "<" << context.level << ">";
+  }
+  bool getInteger(long&) const override { return false; }
+  bool isEmpty() const override { return false; }
+  void Copy(CRefPtr<JsonValue>& copy) const override { copy = new Placeholder(); }
+};
+
+TEST(JsonValue, ValueOfAnotherClassWritesItselfInPlace) {
+  CRefPtr<JsonValueObject> object(new JsonValueObject());
+  object->setValue("a", 1);
+  object->setValue("b", new Placeholder());
+  CRefPtr<JsonValueArray> list(new JsonValueArray());
+  list->appendValue(new Placeholder());
+  list->appendValue(new JsonValueString("c"));
+  object->setValue("c", list.get());
+  EXPECT_EQ(Serialize(object.get()), "{\"a\":1,\"b\":<1>,\"c\":[<2>,\"c\"]}");
+}
+
 TEST(JsonValue, DeepTreeBuiltByCodeSerializesCopiesAndDies) {
   // A tree at the parser's nesting limit, made directly.
   CRefPtr<JsonValueArray> root(new JsonValueArray());
