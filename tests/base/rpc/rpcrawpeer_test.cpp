@@ -390,7 +390,11 @@ TEST_F(RawClientTest, SynStreamWithFinLeavesTheHandlerNothingToRead) {
 
 TEST_F(RawClientTest, UnidirectionalStreamSwallowsTheHandlersWrites) {
   Latch& written = first_latch;
+  Latch& opened = second_latch;
   environment.server_factory.SetHandler([&](const StreamPtr& stream, const RPCConnectionHeaders&) {
+    // The handler may start before the engine has applied the flags of the
+    // SYN_STREAM; it writes only once they are in force.
+    opened.Wait();
     RPCConnectionHeaders headers;
     headers[RPC_HEADER_ERROR_TEXT] = "unseen";
     stream->SendResponseHeaders(headers);
@@ -401,6 +405,8 @@ TEST_F(RawClientTest, UnidirectionalStreamSwallowsTheHandlersWrites) {
   });
   StartAndHandshake();
   OpenStream(1, FLAG_UNIDIRECTIONAL);
+  ASSERT_TRUE(Sync(99));
+  opened.Open();
   ASSERT_TRUE(written.Wait());
   environment.server_factory.JoinHandlers();
   ASSERT_TRUE(Sync());
