@@ -153,6 +153,24 @@ TEST(TokenBuffer, TerminatingGrowsIfNeedBeAndClearingKeepsTheMemory) {
   EXPECT_STREQ(static_cast<const char*>(buffer), "");
 }
 
+TEST(TokenBuffer, BytesThatFindNoMemoryAreDroppedSilently) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "sanitizer allocators refuse impossible allocations instead of failing them";
+#else
+  TokenBuffer buffer;
+  buffer.append('a');
+  const std::string source(200, 'b');
+  // Growing to hold 2^62 bytes fails: what fits in the 128 bytes stays, the rest
+  // is dropped.
+  buffer.append(source.data(), static_cast<size_t>(1) << 62);
+  EXPECT_EQ(buffer.capacity(), 128u);
+  EXPECT_EQ(buffer.length(), 128u);
+  EXPECT_EQ(std::string(buffer.data(), buffer.length()), "a" + std::string(127, 'b'));
+  // Terminating needs one byte more, which is there to be had.
+  EXPECT_EQ(std::string(static_cast<const char*>(buffer)), "a" + std::string(127, 'b'));
+#endif
+}
+
 }  // namespace
 }  // namespace base
 }  // namespace apm
