@@ -14,8 +14,9 @@
 // thread-safe, except that Start, Stop and destruction belong to the owner. Lock
 // order: `timerCondition` before `taskCondition`, never the reverse.
 //
-// SchedulerClock is where the timer thread reads the time and sleeps; the default
-// is the system's real-time clock. Tests pass their own to control time.
+// SchedulerClock is where the scheduler reads the time and the timer thread
+// sleeps; the default is the system's real-time clock (gettimeofday). Tests pass
+// their own to control time.
 #pragma once
 
 #include <atomic>
