@@ -1060,7 +1060,9 @@ TEST_F(HandlerWireTest, RecordEndingEarlyIsRstStreamStatus5WithNoResponseBeforeO
       ASSERT_TRUE(test::RawTlsPeer::DecodeHeaders(frame, headers));
       EXPECT_TRUE(headers.empty());
     }
-    if (!frame.header.is_control()) EXPECT_TRUE(frame.payload.empty());
+    if (!frame.header.is_control()) {
+      EXPECT_TRUE(frame.payload.empty());
+    }
   }
   EXPECT_TRUE(frame.is_control(SPDY_PING));
 }
