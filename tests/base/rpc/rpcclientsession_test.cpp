@@ -436,6 +436,8 @@ TEST_F(RPCClientSessionTest, ConnectionDyingBeforeTheResponseFailsWithStreamInUs
     TextRecord request;
     ReadStream<CLogicalConnectionStream> reader(*stream);
     request.Read(0, reader);
+    // Until the client has ended its side: nothing of it is in flight any more.
+    while (!stream->is_receive_closed()) stream->NextSegment();
     std::unique_lock<std::mutex> lock(mutex);
     read = true;
     changed.notify_all();
@@ -446,6 +448,8 @@ TEST_F(RPCClientSessionTest, ConnectionDyingBeforeTheResponseFailsWithStreamInUs
     std::unique_lock<std::mutex> lock(mutex);
     changed.wait(lock, [&]() { return read; });
     environment.server->close(true);
+    // The handler may end its stream only once the connection is gone for sure.
+    manager.WaitForClosed(1);
     killed = true;
     changed.notify_all();
   });
@@ -455,6 +459,7 @@ TEST_F(RPCClientSessionTest, ConnectionDyingBeforeTheResponseFailsWithStreamInUs
   std::string text;
   EXPECT_FALSE(CallWithRecord(session, "x", response, code, text));
   killer.join();
+  environment.server_factory.JoinHandlers();
   EXPECT_EQ(code, 8);
   EXPECT_EQ(text, "stream in use");
 }
@@ -485,6 +490,8 @@ TEST_F(RPCClientSessionTest, EmptyResponseReadsNothingAfterTheHeaders) {
     released = true;
   }
   released_changed.notify_all();
+  // The handler uses this test's locals until it returns.
+  environment.server_factory.JoinHandlers();
 }
 
 TEST_F(RPCClientSessionTest, CallAfterStopFailsWithoutNetworkActivity) {
@@ -547,7 +554,7 @@ TEST_F(RPCClientSessionTest, RequestFileTravelsAsTheSecondSegment) {
   TextRecord response;
   ASSERT_TRUE(session.ExecuteRPC<RPC_KIND_REQUEST_FILE>(3604, request, response, &path, nullptr, nullptr, 60));
   EXPECT_EQ(response.text, "with file");
-  std::lock_guard<std::mutex> lock(mutex);
+  environment.server_factory.JoinHandlers();
   EXPECT_EQ(received, content);
 }
 
