@@ -11,14 +11,21 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "base/directory.h"
+#include "base/famerror.h"
 #include "base/rootpath.h"
+#include "base/rpc/certificatemgr.h"
 #include "base/sysfunctions.h"
 #include "base/trace.h"
+#include "ecomm/EcommRPCServer.h"
 #include "ecomm/commandline.h"
 #include "ecomm/daemonstate.h"
+#include "ecomm/datacache.h"
+#include "ecomm/ecomm.h"
+#include "ecomm/ecommconfig.h"
 
 namespace {
 
@@ -85,12 +92,85 @@ void EnterDataDirectory() {
   (void)!chdir(dataPath.c_str());
 }
 
+// One TLS identity: the file named by configuration key `fileKey` is used if it
+// holds a key and a certificate, otherwise a new self-signed pair is made there.
+// Returns true if it was made now. The log line is written either way, with
+// whatever fingerprint came back; a failure does not stop the daemon (the bind
+// fails later or peers are refused).
+struct CertificateLogLines {
+  unsigned int usedEvent;
+  const char* usedText;
+  unsigned int createdEvent;
+  const char* createdText;
+};
+
+bool EnsureCertificate(base::certificate::CertificateManager& manager, unsigned int fileKey,
+                       const CertificateLogLines& lines, std::string& cn, std::string& fingerprint) {
+  std::string path;
+  ecomm::GetEcommConfig()->GetConfigValue(fileKey, path);
+  if (manager.ValidateCertificate(path, cn, fingerprint)) {
+    base::logargs(5, lines.usedEvent, 1, lines.usedText, fingerprint.c_str());
+    return false;
+  }
+  cn = "kelvora.ecomm@" + base::System::GetFQHostName();
+  manager.CreateSelfSignedCertificate(path, cn, fingerprint);
+  base::logargs(5, lines.createdEvent, 1, lines.createdText, fingerprint.c_str());
+  return true;
+}
+
+// The server identity for the listening port and the client identity for the
+// connection back to the main server. A newly made client certificate is entered in
+// the main server's trust list, and only then.
+void EnsureCertificates() {
+  base::certificate::CertificateManager manager;
+  std::string cn;
+  std::string fingerprint;
+  EnsureCertificate(manager, ecomm::EcommConfig::kServerCertificateFile,
+                    {107, "Server certificate used (fingerprint=%s)", 106,
+                     "Server certificate created (fingerprint=%s)"},
+                    cn, fingerprint);
+  cn.clear();
+  fingerprint.clear();
+  if (EnsureCertificate(manager, ecomm::EcommConfig::kClientCertificateFile,
+                        {109, "Client certificate used (fingerprint=%s)", 108,
+                         "Client certificate created (fingerprint=%s)"},
+                        cn, fingerprint)) {
+    manager.WriteFingerprintForService("server", fingerprint, cn);
+  }
+}
+
+// The port from -port, else configuration key 30. The host is asked for under
+// key 31, which the configuration does not serve, so it stays empty: the listener
+// takes every IPv4 interface whatever "ListenHost" says.
+unsigned int ListenPort(std::string& host) {
+  unsigned int port = ecomm::listenPort;
+  if (port == 0) ecomm::GetEcommConfig()->GetConfigValue(ecomm::EcommConfig::kListenPort, port);
+  ecomm::GetEcommConfig()->GetConfigValue(ecomm::EcommConfig::kStartupListenHost, host);
+  return port;
+}
+
 // The daemon's running phase. The core object, the certificates and the RPC server
 // start here before `running` is set, so that a stop signal during their start-up
-// is ignored, and shut down after the wait, server first.
+// is ignored, and shut down after the wait, server first. Port 0 ("ListenPort 0")
+// makes no server and goes straight to the stop.
 void ServeUntilStopped() {
-  ecomm::running = 1;
-  ecomm::WaitUntilStopped();
+  ecomm::CEcomm* core = ecomm::GetEcomm();
+  core->Init();
+  EnsureCertificates();
+  // Errors of the main thread land in this record for the rest of the run.
+  base::FamError mainThreadErrors(false);
+  std::string host;
+  const unsigned int port = ListenPort(host);
+  if (port != 0) {
+    // Start returns only once bound; after its last failed attempt it ends the process.
+    std::unique_ptr<ecomm::EcommRPCServer> server(
+        new ecomm::EcommRPCServer(*core, *ecomm::GetDataCache()));
+    server->Start(host, port);
+    ecomm::running = 1;
+    ecomm::WaitUntilStopped();
+    server->Stop();
+  }
+  core->Shutdown();
 }
 
 }  // namespace
