@@ -588,14 +588,28 @@ void CSpdyConnectionImpl<Stream>::start_write() {
     if (closing && streams.empty()) stop();
     return;
   }
+  // The write itself runs after the handlers already waiting on the strand, so
+  // that the frames of a burst (a request's SYN_STREAM, data and FLAG_FIN, say)
+  // leave together. `writing` covers the wait, as it covers the write.
+  writing = true;
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  boost::asio::post(strand, [self]() { self->write_queued_frames(); });
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::write_queued_frames() {
   if (!socket || tls_shutdown_deferred || tls_shutdown_started) {
     // Never connected, or the connection is ending: nothing more goes out.
     for (PendingFrame& frame : write_queue) CNetworkBuffer::Free(frame.buffer);
     write_queue.clear();
+    writing = false;
+    if (tls_shutdown_deferred) {
+      tls_shutdown_deferred = false;
+      start_tls_shutdown();
+    }
     if (!socket) stop();
     return;
   }
-  writing = true;
   // Header and payload of as many queued frames as fit go out in one write; the
   // bytes on the wire are the same as frame by frame.
   write_staging.clear();

@@ -98,6 +98,8 @@ class CSpdyConnectionImpl : public CSpdyConnection,
   void handle_recv(const boost::system::error_code& error, std::size_t bytes);
   // Dispatches every complete frame received; false when the loop must end.
   bool process_received();
+  // Gathers queued frames into one write; posted by start_write.
+  void write_queued_frames();
   void handle_write(const boost::system::error_code& error);
   // Begins the TLS shutdown (close_notify); only with no write in progress.
   void start_tls_shutdown();
