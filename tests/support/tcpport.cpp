@@ -1,0 +1,70 @@
+#include "tests/support/tcpport.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+namespace apm {
+namespace test {
+
+namespace {
+
+// A socket bound to an ephemeral port of all IPv4 interfaces, listening if asked;
+// the port goes to `port`.
+int BindEphemeral(bool listening, unsigned short& port) {
+  const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  socklen_t length = sizeof(address);
+  if (descriptor < 0 || bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+      (listening && listen(descriptor, 1) != 0) ||
+      getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+    std::perror("cannot bind an ephemeral TCP port");
+    std::abort();
+  }
+  port = ntohs(address.sin_port);
+  return descriptor;
+}
+
+}  // namespace
+
+unsigned short FreeTcpPort() {
+  unsigned short port = 0;
+  close(BindEphemeral(false, port));
+  return port;
+}
+
+bool IsTcpPortListening(unsigned short port) {
+  // Lines: "sl local_address rem_address st ...", addresses as "HEXIP:HEXPORT",
+  // state 0A being LISTEN.
+  std::ifstream table("/proc/net/tcp");
+  std::string line;
+  std::getline(table, line);
+  while (std::getline(table, line)) {
+    std::istringstream fields(line);
+    std::string slot, local, remote, state;
+    fields >> slot >> local >> remote >> state;
+    const std::string::size_type colon = local.find(':');
+    if (colon == std::string::npos || state != "0A") continue;
+    if (std::strtoul(local.c_str() + colon + 1, nullptr, 16) == port) return true;
+  }
+  return false;
+}
+
+HeldTcpPort::HeldTcpPort() { descriptor_ = BindEphemeral(true, port_); }
+
+void HeldTcpPort::Close() {
+  if (descriptor_ >= 0) close(descriptor_);
+  descriptor_ = -1;
+}
+
+}  // namespace test
+}  // namespace apm
