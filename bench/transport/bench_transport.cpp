@@ -101,17 +101,24 @@ class PoolFactory : public IConnectionHandlerFactory {
   void acceptor_closed(const boost::shared_ptr<IServerConnection>&) override {}
 
  private:
-  // Reads a 32-bit length and that many bytes, answers with the same.
+  // Reads a 32-bit length and that many bytes (in chunks, into one reused
+  // buffer), answers with the first 64 of them at most.
   static void Serve(const StreamPtr& stream) {
     uint32_t length = 0;
     if (!stream->Read(&length, sizeof(length))) return;
-    std::vector<uint8_t> data(length);
-    if (length != 0 && !stream->Read(data.data(), length)) return;
+    std::vector<uint8_t> chunk(std::min<uint32_t>(length, 65536));
+    std::vector<uint8_t> head;
+    for (uint32_t done = 0; done < length;) {
+      const uint32_t count = std::min<uint32_t>(length - done, static_cast<uint32_t>(chunk.size()));
+      if (!stream->Read(chunk.data(), count)) return;
+      if (head.empty()) head.assign(chunk.begin(), chunk.begin() + std::min<uint32_t>(count, 64));
+      done += count;
+    }
     RPCConnectionHeaders headers;
     stream->SendResponseHeaders(headers);
-    const uint32_t answer = static_cast<uint32_t>(std::min<size_t>(length, 64));
+    const uint32_t answer = static_cast<uint32_t>(head.size());
     stream->Write(&answer, sizeof(answer));
-    stream->Write(data.data(), answer);
+    stream->Write(head.data(), answer);
   }
 
   std::mutex mutex_;
@@ -163,14 +170,18 @@ class Transport {
     server.reset();
   }
 
-  // One call: `size` bytes out, at most 64 back.
+  // One call: `size` bytes out (written in chunks of 64 KiB), at most 64 back.
   bool Call(const std::vector<uint8_t>& request) {
     StreamPtr stream = CLogicalConnectionStream::create(connection);
     if (!stream) return false;
     stream->SendRequestHeaders(1, 3600);
     uint32_t length = static_cast<uint32_t>(request.size());
     stream->Write(&length, sizeof(length));
-    stream->Write(request.data(), length);
+    for (uint32_t done = 0; done < length;) {
+      const uint32_t count = std::min<uint32_t>(length - done, 65536);
+      stream->Write(request.data() + done, count);
+      done += count;
+    }
     stream->EndStream();
     RPCConnectionHeaders headers;
     if (!stream->ReadResponseHeaders(headers)) return false;
