@@ -16,6 +16,8 @@ RPCClientSessionManagerServer::RPCClientSessionManagerServer(
     const boost::shared_ptr<base::IConnectionIOService>& service)
     : SPDYRPCClientSessionManager(service) {}
 
+RPCClientSessionManagerServer::~RPCClientSessionManagerServer() { stop(); }
+
 bool RPCClientSessionManagerServer::get_connection_parameters(unsigned int /*target*/,
                                                               base::RPCConnectionParameters& parameters) {
   EcommConfig* config = GetEcommConfig();

@@ -40,7 +40,8 @@ class RPCClientSessionManagerServer
   // The number of I/O threads of all outgoing connections.
   static constexpr unsigned int kIOThreads = 2;
 
-  ~RPCClientSessionManagerServer() override = default;
+  // Stops, if that has not happened yet.
+  ~RPCClientSessionManagerServer() override;
 
   // Any target: the main server of the configuration. Always true.
   bool get_connection_parameters(unsigned int target, base::RPCConnectionParameters& parameters) override;

@@ -28,8 +28,8 @@
 // stream of the shared connection. The manager's `mutex` guards `connections` and
 // `stopped`; connection_closed takes it on an I/O thread, so nothing done under it
 // waits for an I/O thread, and stop() closes connections outside it. A derived
-// manager that overrides connection_closed must call stop() in its own destructor,
-// so that no I/O thread calls into it while it is torn down.
+// manager calls stop() in its own destructor, so that no I/O thread calls into the
+// object while it is torn down.
 #pragma once
 
 #include <boost/noncopyable.hpp>

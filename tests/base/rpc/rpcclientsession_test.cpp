@@ -213,6 +213,9 @@ TEST_F(RPCClientSessionTest, CallsShareOneConnection) {
 
 TEST_F(RPCClientSessionTest, ConnectionCarriesTheTargetAsConnectionId) {
   StartServer();
+  TestSession session(&manager);
+  std::string response;
+  ASSERT_TRUE(session.Call(3020, "x", response));
   boost::shared_ptr<IPhysicalConnection> connection = manager.get_connection(0);
   ASSERT_TRUE(connection);
   EXPECT_EQ(connection->get_connection_id(), 0u);
@@ -298,6 +301,11 @@ TEST_F(RPCClientSessionTest, TwoWorkersAfterTheConnectionDiedShareTheNewOne) {
 
   environment.server->close(true);
   ASSERT_TRUE(manager.WaitForClosed(1));
+  // The report comes first in the connection's ending; its flags follow.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!dead->is_stopped() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
   ASSERT_TRUE(dead->is_stopped());
   ASSERT_EQ(StartServer(port), port);
 
@@ -320,11 +328,16 @@ TEST_F(RPCClientSessionTest, TwoWorkersAfterTheConnectionDiedShareTheNewOne) {
 
 TEST_F(RPCClientSessionTest, ConnectionClosedErasesOnlyTheSameConnection) {
   StartServer();
+  // Each connection is used by a call, so that it is open before the test ends it.
+  TestSession session(&manager);
+  std::string response;
   boost::shared_ptr<IPhysicalConnection> first = manager.get_connection(0);
   ASSERT_TRUE(first);
+  ASSERT_TRUE(session.Call(3020, "x", response));
   manager.SPDYRPCClientSessionManager::connection_closed(first);
   boost::shared_ptr<IPhysicalConnection> second = manager.get_connection(0);
   ASSERT_TRUE(second);
+  ASSERT_TRUE(session.Call(3020, "x", response));
   EXPECT_NE(second, first);
   // A late report of the old connection leaves the newer one in place.
   manager.SPDYRPCClientSessionManager::connection_closed(first);
