@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The daemon together with a stand-in for the main server, in ./run-root:
-#   - builds kelvoraecommd and ecomm-sim (as scripts/run.sh does),
+#   - builds kelvoraecommd and ecomm-sim (scripts/prepare.sh),
 #   - starts the daemon on its default port 10003 and "ecomm-sim serve" as the main
 #     server on its default port 10000,
 #   - calls RPC 3600 on the daemon through "ecomm-sim call" and shows the answer,
@@ -12,15 +12,7 @@
 # (run-root/etc/kelvora/ecomm/trusted_certificates.cfg) before it connects.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-bash scripts/setup.sh
-# The compiler cache lives outside the checkout, so fresh clones (CI) reuse it.
-export CCACHE_BASEDIR="$PWD" CCACHE_NOHASHDIR=1
-cmake --preset default >/dev/null
-cmake --build --preset default --target kelvoraecommd ecomm-sim
-
-export ECOMM_ROOT="${ECOMM_ROOT:-$PWD/run-root}"
-mkdir -p "$ECOMM_ROOT/etc/kelvora" "$ECOMM_ROOT/var/opt/kelvora" "$ECOMM_ROOT/var/run" "$ECOMM_ROOT/tmp"
-[ -f "$ECOMM_ROOT/etc/kelvora/ecomm.conf" ] || printf 'LogLevel LOG_INFO\n' > "$ECOMM_ROOT/etc/kelvora/ecomm.conf"
+source scripts/prepare.sh kelvoraecommd ecomm-sim
 
 daemon=build/default/kelvoraecommd
 sim=build/default/tools/ecomm-sim/ecomm-sim
