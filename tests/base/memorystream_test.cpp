@@ -191,7 +191,7 @@ TEST(MemoryStream, InterfaceIdentifiersAreTheStandardOnes) {
   EXPECT_EQ(IID_ISequentialStream.Data1, 0x0c733a30u);
   EXPECT_EQ(IID_ISequentialStream.Data2, 0x2a1c);
   EXPECT_EQ(IID_ISequentialStream.Data3, 0x11ce);
-  EXPECT_EQ(IID_ISequentialStream.Data4[7], 0x3a);
+  EXPECT_EQ(IID_ISequentialStream.Data4[7], 0x3d);
   EXPECT_FALSE(IID_IUnknown == IID_IStream);
   EXPECT_TRUE(IID_IStream == IID_IStream);
 }
