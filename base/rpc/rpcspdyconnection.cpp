@@ -312,12 +312,17 @@ bool CSpdyConnection::send_header_frame(uint16_t type, const boost::shared_ptr<C
 
 void CSpdyConnection::send_syn_reply(const boost::shared_ptr<CLogicalConnection>& logical, uint8_t flags,
                                      const RPCConnectionHeaders& headers) {
+  // Headers of a stream whose sending side is already closed (reset, or opened
+  // unidirectional) never go out: a reset stream shows the peer its RST_STREAM
+  // and nothing behind it.
+  if (!logical->is_send_open()) return;
   // FLAG_FIN on a reply does not close this side's sending direction.
   send_header_frame(SPDY_SYN_REPLY, logical, flags, headers);
 }
 
 void CSpdyConnection::send_headers(const boost::shared_ptr<CLogicalConnection>& logical, uint8_t flags,
                                    const RPCConnectionHeaders& headers) {
+  if (!logical->is_send_open()) return;
   if (!send_header_frame(SPDY_HEADERS, logical, flags, headers)) return;
   if (flags & FLAG_FIN) {
     logical->close_send_side();

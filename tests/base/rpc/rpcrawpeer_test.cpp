@@ -388,6 +388,28 @@ TEST_F(RawClientTest, SynStreamWithFinLeavesTheHandlerNothingToRead) {
   EXPECT_EQ(0, code.load());
 }
 
+TEST_F(RawClientTest, RequestEndingEarlyIsResetWithStatus5AndNothingFollows) {
+  environment.server_factory.SetHandler([&](const StreamPtr& stream, const RPCConnectionHeaders&) {
+    FamError record;
+    char record_bytes[8];
+    // The record needs 8 bytes and its segment ends after 3: the handler resets the
+    // stream, and dropping it afterwards must not open a reply.
+    if (!stream->Read(record_bytes, sizeof(record_bytes))) stream->Terminate();
+  });
+  StartAndHandshake();
+  OpenStream(1);
+  ASSERT_TRUE(peer.SendData(1, FLAG_END_SEGMENT | FLAG_FIN, Bytes("abc")));
+  ASSERT_TRUE(environment.server_factory.WaitForStreams(1, 5000));
+  environment.server_factory.JoinHandlers();
+  ASSERT_TRUE(Sync());
+  // The 3 bytes consumed are acknowledged, then the reset; no reply, no data.
+  ASSERT_EQ(2u, received.size());
+  EXPECT_TRUE(received[0].is_control(SPDY_WINDOW_UPDATE));
+  EXPECT_EQ((std::vector<uint32_t>{1, 3}), (std::vector<uint32_t>{received[0].word(0), received[0].word(1)}));
+  EXPECT_TRUE(received[1].is_control(SPDY_RST_STREAM));
+  EXPECT_EQ((std::vector<uint32_t>{1, 5}), (std::vector<uint32_t>{received[1].word(0), received[1].word(1)}));
+}
+
 TEST_F(RawClientTest, UnidirectionalStreamSwallowsTheHandlersWrites) {
   Latch& written = first_latch;
   Latch& opened = second_latch;
@@ -410,12 +432,8 @@ TEST_F(RawClientTest, UnidirectionalStreamSwallowsTheHandlersWrites) {
   ASSERT_TRUE(written.Wait());
   environment.server_factory.JoinHandlers();
   ASSERT_TRUE(Sync());
-  // The first data write still opens the reply, empty; nothing else goes out.
-  ASSERT_EQ(1u, received.size());
-  EXPECT_TRUE(received[0].is_control(SPDY_SYN_REPLY));
-  RPCConnectionHeaders headers;
-  ASSERT_TRUE(RawTlsPeer::DecodeHeaders(received[0], headers));
-  EXPECT_TRUE(headers.empty());
+  // Neither the headers nor the data nor the end of the stream go out.
+  EXPECT_TRUE(received.empty());
 }
 
 TEST_F(RawClientTest, EndStreamOnAFreshStreamSendsReplyEmptyMarkedFrameAndFin) {
