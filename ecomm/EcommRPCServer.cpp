@@ -5,7 +5,6 @@
 #include <cstdio>
 
 #include "base/famerror.h"
-#include "base/rpc/rpcconnectionparameters.h"
 #include "base/trace.h"
 #include "ecomm/ecommconfig.h"
 
@@ -43,6 +42,22 @@ bool BindWithRetries(base::IServerConnection& server, const base::RPCConnectionP
   return false;
 }
 
+base::RPCConnectionParameters ServerConnectionParameters(const std::string& host, unsigned int port) {
+  base::RPCConnectionParameters parameters;
+  parameters.host = host;
+  parameters.port = port;
+  parameters.connection_id = 0;
+  parameters.min_version = base::RPC_MINIMUM_VERSION;
+  parameters.connect_timeout = kConnectTimeout;
+  parameters.ping_interval = kPingInterval;
+  EcommConfig* config = GetEcommConfig();
+  config->GetConfigValue(EcommConfig::kServerCertificateFile, parameters.certificate_file);
+  config->GetConfigValue(EcommConfig::kTrustedCertificatesFile, parameters.trusted_certificates_file);
+  config->GetConfigValue(EcommConfig::kServerCertificateCiphers, parameters.cipher_list);
+  parameters.trust_first_certificate = false;
+  return parameters;
+}
+
 EcommRPCServer::EcommRPCServer(CEcomm& ecommObject, DataCache& cache)
     : module(GetModuleNetworkServer()), ecomm(ecommObject), dataCache(cache) {
   ioService = base::IPhysicalConnection::CreateIOService(kIOThreads);
@@ -69,19 +84,7 @@ void EcommRPCServer::connection_closed(const boost::shared_ptr<base::IPhysicalCo
 void EcommRPCServer::acceptor_closed(const boost::shared_ptr<base::IServerConnection>& /*acceptor*/) {}
 
 void EcommRPCServer::Start(const std::string& host, unsigned int port) {
-  base::RPCConnectionParameters parameters;
-  parameters.host = host;
-  parameters.port = port;
-  parameters.connection_id = 0;
-  parameters.min_version = base::RPC_MINIMUM_VERSION;
-  parameters.connect_timeout = kConnectTimeout;
-  parameters.ping_interval = kPingInterval;
-  EcommConfig* config = GetEcommConfig();
-  config->GetConfigValue(EcommConfig::kServerCertificateFile, parameters.certificate_file);
-  config->GetConfigValue(EcommConfig::kTrustedCertificatesFile, parameters.trusted_certificates_file);
-  config->GetConfigValue(EcommConfig::kServerCertificateCiphers, parameters.cipher_list);
-  parameters.trust_first_certificate = false;
-
+  const base::RPCConnectionParameters parameters = ServerConnectionParameters(host, port);
   if (BindWithRetries(*server, parameters, kBindAttempts, kBindPauseMicroseconds)) return;
 
   base::log(2, 65, 1, kCannotBind);

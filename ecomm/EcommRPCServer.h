@@ -25,6 +25,7 @@
 
 #include "base/apmmodule.h"
 #include "base/rpc/rpcconnection.h"
+#include "base/rpc/rpcconnectionparameters.h"
 #include "base/rpc/rpchandler.h"
 #include "ecomm/datacache.h"
 #include "ecomm/ecomm.h"
@@ -45,6 +46,12 @@ void EnumNetworkServerEventDescriptionsCallback(base::CAPMModule& module);
 // attempt that succeeds is seen by the next one.
 bool BindWithRetries(base::IServerConnection& server, const base::RPCConnectionParameters& parameters,
                      unsigned int attempts, unsigned int pauseMicroseconds);
+
+// The settings of the listening port: `host` (passed on, not used by the acceptor)
+// and `port`, connection id 0, the lowest peer version accepted, a connect time-out
+// of 10 and a ping interval of 30 seconds, and the server certificate, trust file
+// and cipher list of the configuration; the first certificate met is not trusted.
+base::RPCConnectionParameters ServerConnectionParameters(const std::string& host, unsigned int port);
 
 class EcommRPCServer : public base::IConnectionHandlerFactory, private boost::noncopyable {
  public:

@@ -310,6 +310,31 @@ TEST(BindWithRetriesTest, FirstSuccessReturnsWithoutAPause) {
   EXPECT_LT(Clock::now() - start, std::chrono::seconds(5));
 }
 
+TEST(ServerConnectionParametersTest, ListenerTakesVersionTimersAndTheConfiguredIdentityTrustAndCiphers) {
+  test::PrivateRoot root;
+  root.WriteFile("/etc/kelvora/ecomm.conf",
+                 "ServerCertificateFile /id/srv.pem\nServerTrustedCertificatesFile /id/trust.cfg\n"
+                 "ServerCertificateCiphers AES256-SHA\nClientCertificateFile /id/cli.pem\n"
+                 "ClientCertificateCiphers RC4\n");
+  const base::RPCConnectionParameters parameters = ServerConnectionParameters("", 10003);
+  EXPECT_EQ("", parameters.host);
+  EXPECT_EQ(10003u, parameters.port);
+  EXPECT_EQ(0u, parameters.connection_id);
+  EXPECT_EQ(0xf00020000580eull, parameters.min_version);
+  EXPECT_EQ(10u, parameters.connect_timeout);
+  EXPECT_EQ(30u, parameters.ping_interval);
+  EXPECT_EQ("/id/srv.pem", parameters.certificate_file);
+  EXPECT_EQ("/id/trust.cfg", parameters.trusted_certificates_file);
+  EXPECT_EQ("AES256-SHA", parameters.cipher_list);
+  EXPECT_FALSE(parameters.trust_first_certificate);
+  EXPECT_EQ(1000u, parameters.timer_unit_milliseconds);
+}
+
+TEST(ServerConnectionParametersTest, HostIsPassedOnAsGiven) {
+  test::PrivateRoot root;
+  EXPECT_EQ("example", ServerConnectionParameters("example", 1).host);
+}
+
 // Reads `descriptor` to its end.
 std::string ReadAll(int descriptor) {
   std::string text;
