@@ -304,9 +304,7 @@ TEST_F(DaemonRpcTest, RequestRecordEndingEarlyIsResetWithStatus5) {
 
 // The reset is the last frame of the stream: its end, when the handler lets go of
 // it, must not send response headers behind the RST_STREAM.
-// DISABLED while the transport still sends an empty SYN_REPLY (flags 0, no headers)
-// after the RST_STREAM of a terminated stream: enable it with the fix.
-TEST_F(DaemonRpcTest, DISABLED_NoResponseHeadersFollowTheResetOfAShortRecord) {
+TEST_F(DaemonRpcTest, NoResponseHeadersFollowTheResetOfAShortRecord) {
   RawDaemonConnection connection(daemon.port);
   ASSERT_TRUE(connection.connected());
   ASSERT_TRUE(connection.SendRequest(1, "3600", kOnlyTheTarget));
