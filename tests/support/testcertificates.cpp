@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -26,10 +27,14 @@ const TestIdentity& GetTestIdentity(const std::string& name) {
   base::certificate::CertificateManager manager;
   std::string cn, fingerprint;
   if (!manager.ValidateCertificate(identity->certificate_file, cn, fingerprint)) {
+    // Test processes run in parallel and may all find the identity missing. Each
+    // makes its own and offers it with link(), which fails if the file is there
+    // already: the first one wins and everybody uses that same file.
     const std::string temporary = identity->certificate_file + "." + std::to_string(getpid()) + ".tmp";
-    if (!manager.CreateSelfSignedCertificate(temporary, "kelvora.test." + name, fingerprint) ||
-        std::rename(temporary.c_str(), identity->certificate_file.c_str()) != 0 ||
-        !manager.ValidateCertificate(identity->certificate_file, cn, fingerprint)) {
+    const bool made = manager.CreateSelfSignedCertificate(temporary, "kelvora.test." + name, fingerprint);
+    const bool offered = made && (link(temporary.c_str(), identity->certificate_file.c_str()) == 0 || errno == EEXIST);
+    unlink(temporary.c_str());
+    if (!offered || !manager.ValidateCertificate(identity->certificate_file, cn, fingerprint)) {
       std::fprintf(stderr, "cannot make the test identity %s\n", name.c_str());
       std::abort();
     }
