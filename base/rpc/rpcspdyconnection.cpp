@@ -360,11 +360,13 @@ void CSpdyConnection::reset_stream(uint32_t stream_id, uint32_t status) {
   auto entry = streams.find(stream_id);
   if (entry == streams.end()) return;
   boost::shared_ptr<CLogicalConnection> logical = entry->second.lock();
-  streams.erase(entry);
+  remove_connection(stream_id);
   if (logical) logical->recv_terminated(status, kReset);
 }
 
 void CSpdyConnection::remove_connection(uint32_t stream_id) {
+  // Every removal looks whether a closing connection has now finished: the last
+  // stream may end by a frame of the peer as well as by one of this side.
   streams.erase(stream_id);
   if (closing && !writing && streams.empty()) stop();
 }
@@ -480,7 +482,7 @@ void CSpdyConnection::process_control_frame_syn_reply(const FrameHeader& header)
     logical->recv_headers(headers);
     if (fin) logical->recv_closed();
   }
-  if (!logical || (fin && logical->is_closed())) streams.erase(stream_id);
+  if (!logical || (fin && logical->is_closed())) remove_connection(stream_id);
 }
 
 void CSpdyConnection::process_control_frame_headers(const FrameHeader& header) {
@@ -496,7 +498,7 @@ void CSpdyConnection::process_control_frame_headers(const FrameHeader& header) {
   logical->recv_headers(headers);
   if (fin) {
     logical->recv_closed();
-    if (logical->is_closed()) streams.erase(stream_id);
+    if (logical->is_closed()) remove_connection(stream_id);
   }
 }
 
@@ -540,7 +542,7 @@ void CSpdyConnection::process_data_frame(const FrameHeader& header) {
       logical->recv_data(buffer, (header.flags() & FLAG_END_SEGMENT) != 0);
       if (fin) logical->recv_closed();
     }
-    if (!logical || (fin && logical->is_closed())) streams.erase(stream_id);
+    if (!logical || (fin && logical->is_closed())) remove_connection(stream_id);
   }
   if (read_buffer != nullptr) {
     // Nobody will read these bytes; acknowledge them so the sender does not stall.
