@@ -35,11 +35,12 @@ boost::shared_ptr<base::IReceiveStream> TestHandlerFactory::create_client_connec
   boost::shared_ptr<base::CLogicalConnectionStream> stream = base::CLogicalConnectionStream::create(logical_connection);
   Handler handler = handler_;
   base::RPCConnectionHeaders copy = headers;
+  // Counted before the handler starts: a test that has its answer sees the count.
+  ++streams_created;
   threads_.emplace_back([handler, stream, copy]() mutable {
     base::FamError record;
     handler(stream, copy);
   });
-  ++streams_created;
   changed_.notify_all();
   return stream;
 }

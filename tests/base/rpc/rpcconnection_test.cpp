@@ -500,16 +500,19 @@ TEST_F(RpcConnectionTest, ErrorResponseCarriesCodeAndTextInKeys3And4) {
 TEST_F(RpcConnectionTest, PingMeasuresTheRoundTripAndKeepsTheConnection) {
   environment.server_factory.SetHandler(EchoHandler);
   RPCConnectionParameters server_parameters = environment.ServerParameters();
-  server_parameters.ping_interval = 3;
+  // Intervals long enough for an echo on a slow machine: both sides ping, and each
+  // interval that ends with the echo in starts the next ping.
+  server_parameters.ping_interval = 25;  // 250 ms
   ASSERT_NE(0, environment.StartServer(server_parameters));
   RPCConnectionParameters parameters = environment.ClientParameters(environment.port);
-  parameters.ping_interval = 3;  // 30 ms
+  parameters.ping_interval = 25;
   boost::shared_ptr<IPhysicalConnection> connection = environment.Connect(parameters);
   FamError record;
   std::string answer;
   ASSERT_TRUE(Call(connection, "first", answer)) << record.message;
   EXPECT_TRUE(Eventually([&]() { return connection->get_round_trip_time() > 0; }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  // Two intervals and more: pings have followed one another.
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
   EXPECT_FALSE(connection->is_stopped());
   EXPECT_TRUE(Call(connection, "second", answer)) << record.message;
 }
