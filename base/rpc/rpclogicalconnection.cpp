@@ -46,7 +46,9 @@ void CLogicalConnection::send_data(CNetworkBuffer* buffer, bool end_of_segment) 
   }
   if (buffer != nullptr && buffer->length != 0) {
     ConditionVariable::ScopedLock lock(condition);
-    while (is_send_open() && bytes_sent - bytes_acknowledged > kOutstandingLimit) condition.Wait();
+    // Compared without subtracting: a peer that acknowledges more than was sent must
+    // not make the outstanding count wrap around and hold this worker for good.
+    while (is_send_open() && bytes_sent > bytes_acknowledged + kOutstandingLimit) condition.Wait();
     bytes_sent += buffer->length;
   }
   if (!is_send_open()) {

@@ -180,12 +180,6 @@ class CapturingConnection : public CSpdyConnection, public boost::enable_shared_
 
   bool is_shut_down() const { return shut_down; }
 
-  // What the peer has acknowledged so far of the data of a stream.
-  uint64_t acknowledged(const CLogicalConnection* logical) const {
-    auto entry = acknowledgements.find(logical);
-    return entry == acknowledgements.end() ? 0 : entry->second;
-  }
-
  protected:
   void start_connect() override {}
 
@@ -222,7 +216,6 @@ class CapturingConnection : public CSpdyConnection, public boost::enable_shared_
   }
 
   // The frames that the engine must send because of a received frame.
-  // Also counts the acknowledgements that reach a live stream.
   void expect_answers(const FrameHeader& header) {
     if (!header.is_control()) {
       auto entry = streams.find(header.stream_id());
@@ -238,10 +231,7 @@ class CapturingConnection : public CSpdyConnection, public boost::enable_shared_
       const uint32_t id = Word(read_buffer, 0);
       if ((id & 1) != (is_server ? 0u : 1u)) expectations.required.emplace(SPDY_PING, id, 0);
     }
-    uint32_t id, delta;
-    if (header.type() == SPDY_WINDOW_UPDATE && unpack_window_update(read_buffer, id, delta)) {
-      if (boost::shared_ptr<CLogicalConnection> logical = find_live_stream(id)) acknowledgements[logical.get()] += delta;
-    }
+    uint32_t id;
     if (header.type() == SPDY_SYN_STREAM && !closing) {
       uint32_t priority;
       unsigned long offset;
@@ -276,9 +266,6 @@ class CapturingConnection : public CSpdyConnection, public boost::enable_shared_
   }
 
   Expectations& expectations;
-  // By logical connection; an entry may outlive its stream, which only errs on the
-  // side of sending less.
-  std::map<const CLogicalConnection*, uint64_t> acknowledgements;
   std::vector<uint8_t> staging;
   bool reading = true;
   bool shut_down = false;
@@ -462,10 +449,7 @@ void Run(Reader& input, const boost::shared_ptr<CapturingConnection>& connection
         const uint16_t length = static_cast<uint16_t>(input.u16() % (MAX_FRAME_PAYLOAD + 1));
         const bool posted = (flags & 0x80) != 0;
         if (!posted) {
-          // The stream's send_data waits for ever once the peer has acknowledged more
-          // than was sent (the outstanding count is unsigned); such a stream does not
-          // send here. Nor does one that would fill its window.
-          if (connection->acknowledged(stream.engine_view().get()) > stream.bytes_sent) continue;
+          // A stream that would fill its window does not send here: send_data would wait.
           if (stream.bytes_sent + length > RPC_STREAM_WINDOW) continue;
           stream.bytes_sent += length;
         }
