@@ -406,6 +406,17 @@ void CSpdyConnectionImpl<Stream>::handle_read_version_rpc_response_data(const bo
 
 template <class Stream>
 void CSpdyConnectionImpl<Stream>::start_server() {
+  // Called by the acceptor on its own strand: the connection's state is touched
+  // only on the connection's strand, where a close may already have come first.
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  boost::asio::post(strand, [self]() { self->handle_start_server(); });
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_start_server() {
+  // Stopped before it began (the acceptor closed meanwhile): the socket goes with
+  // the object.
+  if (handler_factory == nullptr || !socket->lowest_layer().is_open()) return;
   CSpdyConnection::start_server();
   note_socket_descriptor();
   fcntl(socket_descriptor.load(), F_SETFD, FD_CLOEXEC);

@@ -54,8 +54,9 @@ class CSpdyConnectionImpl : public CSpdyConnection,
   // The TCP socket under TLS, for the acceptor. init_socket must have succeeded.
   typename Stream::lowest_layer_type& lowest_layer() { return socket->lowest_layer(); }
 
-  // Accepting side, after the accept: flags, socket options, connect time-out, and
-  // the TLS handshake as server.
+  // Accepting side, after the accept (any thread): posts handle_start_server, which
+  // sets the flags, the socket options and the connect time-out, and begins the TLS
+  // handshake as server.
   void start_server() override;
 
  protected:
@@ -87,6 +88,7 @@ class CSpdyConnectionImpl : public CSpdyConnection,
   void fail_connect(const boost::system::error_code& error, const std::string& text);
 
   // Accepting side.
+  void handle_start_server();
   void handle_server_handshake(const boost::system::error_code& error);
   void handle_read_version_rpc_request_header(const boost::system::error_code& error, std::size_t bytes);
   void handle_read_version_rpc_request_data(const boost::system::error_code& error, std::size_t bytes);
