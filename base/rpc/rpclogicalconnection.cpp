@@ -29,7 +29,7 @@ CNetworkBuffer* CLogicalConnection::alloc_buffer() { return CNetworkBuffer::Allo
 
 void CLogicalConnection::free_buffer(const CNetworkBuffer* buffer) {
   if (buffer == nullptr) return;
-  if (buffer->length > 0) physical->post_window_update(get_stream_id(), static_cast<uint32_t>(buffer->length));
+  if (buffer->length > 0) physical->post_window_update(shared_from_this(), static_cast<uint32_t>(buffer->length));
   CNetworkBuffer::Free(buffer);
 }
 
@@ -79,7 +79,7 @@ void CLogicalConnection::send_close() {
 }
 
 void CLogicalConnection::send_terminate() {
-  if (is_send_open()) physical->post_terminate(get_stream_id(), SPDY_STATUS_CANCEL);
+  if (is_send_open()) physical->post_terminate(shared_from_this(), SPDY_STATUS_CANCEL);
 }
 
 boost::shared_ptr<IPhysicalConnection> CLogicalConnection::get_physical_connection() { return physical; }
@@ -126,17 +126,7 @@ void CLogicalConnection::recv_terminated(unsigned int status, const std::string&
   if (stream) stream->recv_terminated(status, text);
 }
 
-void CLogicalConnection::assign_stream_id(uint32_t id) {
-  ConditionVariable::ScopedLock lock(condition);
-  stream_id.store(id, std::memory_order_release);
-  condition.WakeupAll();
-}
-
-uint32_t CLogicalConnection::wait_for_stream_id() {
-  ConditionVariable::ScopedLock lock(condition);
-  while (get_stream_id() == 0) condition.Wait();
-  return get_stream_id();
-}
+void CLogicalConnection::assign_stream_id(uint32_t id) { stream_id.store(id, std::memory_order_release); }
 
 void CLogicalConnection::acknowledge(uint32_t delta) {
   ConditionVariable::ScopedLock lock(condition);

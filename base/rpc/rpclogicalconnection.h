@@ -10,9 +10,12 @@
 // uses the stream; they post to the strand and block only in send_data, while more
 // than 1048576 bytes sent on this stream are not yet acknowledged by the peer. The
 // engine side (init_server, recv_*, assign_stream_id, acknowledge) runs on the
-// strand and never blocks. `condition` guards stream_id assignment and the byte
-// counts; the open flags are written on the strand and read anywhere without a lock
-// (a stale read costs at most one posted frame, which the strand then discards).
+// strand and never blocks. The stream id is assigned on the strand before any frame
+// of the stream is handled there (a new stream's id is the first thing posted), and
+// the worker's frames name their stream through this object, read on the strand: so
+// the worker never waits for the id. `condition` guards the byte counts; the open
+// flags are written on the strand and read anywhere without a lock (a stale read
+// costs at most one posted frame, which the strand then discards).
 #pragma once
 
 #include <boost/enable_shared_from_this.hpp>
@@ -70,10 +73,8 @@ class CLogicalConnection : public ILogicalConnection,
   // in send_data.
   void recv_terminated(unsigned int status, const std::string& text);
 
-  // Stores the id under the mutex and wakes whoever waits for it.
+  // On the strand, before any frame of this stream is handled there.
   void assign_stream_id(uint32_t id);
-  // Blocks until an id has been assigned.
-  uint32_t wait_for_stream_id();
   uint32_t get_stream_id() const { return stream_id.load(std::memory_order_acquire); }
   // A WINDOW_UPDATE: adds `delta` to the acknowledged bytes and wakes the sender.
   void acknowledge(uint32_t delta);

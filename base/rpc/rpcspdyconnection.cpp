@@ -84,8 +84,8 @@ boost::shared_ptr<ILogicalConnection> CSpdyConnection::create_connection(
   if (!connected || peer_closed) return boost::shared_ptr<ILogicalConnection>();
   boost::shared_ptr<CLogicalConnection> logical = CLogicalConnection::create(get_pointer(), false);
   logical->set_receive_stream(receive_stream);
+  // The id is assigned on the strand ahead of every frame this stream posts.
   post_created_connection(logical);
-  logical->wait_for_stream_id();
   return logical;
 }
 
@@ -178,6 +178,17 @@ void CSpdyConnection::post_created_connection(const boost::shared_ptr<CLogicalCo
 void CSpdyConnection::post_terminate(uint32_t stream_id, uint32_t status) {
   boost::shared_ptr<CSpdyConnection> self = get_pointer();
   boost::asio::post(strand, [self, stream_id, status]() { self->send_terminate(stream_id, status); });
+}
+
+void CSpdyConnection::post_window_update(const boost::shared_ptr<CLogicalConnection>& logical, uint32_t delta) {
+  boost::shared_ptr<CSpdyConnection> self = get_pointer();
+  boost::asio::post(strand,
+                    [self, logical, delta]() { self->send_window_update(logical->get_stream_id(), delta); });
+}
+
+void CSpdyConnection::post_terminate(const boost::shared_ptr<CLogicalConnection>& logical, uint32_t status) {
+  boost::shared_ptr<CSpdyConnection> self = get_pointer();
+  boost::asio::post(strand, [self, logical, status]() { self->send_terminate(logical->get_stream_id(), status); });
 }
 
 void CSpdyConnection::start_server() {

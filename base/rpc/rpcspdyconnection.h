@@ -75,6 +75,10 @@ class CSpdyConnection : public IPhysicalConnection {
   void post_window_update(uint32_t stream_id, uint32_t delta);
   void post_created_connection(const boost::shared_ptr<CLogicalConnection>& logical);
   void post_terminate(uint32_t stream_id, uint32_t status);
+  // The same for a stream of a worker, whose id is read on the strand: the id of a
+  // stream opened by this side may not be assigned yet when the worker posts.
+  void post_window_update(const boost::shared_ptr<CLogicalConnection>& logical, uint32_t delta);
+  void post_terminate(const boost::shared_ptr<CLogicalConnection>& logical, uint32_t status);
 
   // A shared pointer to this object.
   virtual boost::shared_ptr<CSpdyConnection> get_pointer() = 0;

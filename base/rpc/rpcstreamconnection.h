@@ -56,8 +56,9 @@ class FileWriter : public CLogicalConnectionStreamWriter {
 
 class CLogicalConnectionStream : public IReceiveStream, private boost::noncopyable {
  public:
-  // Connecting side: waits for the connection's outcome and a stream id. Empty, with
-  // the reason on the thread's error record, when the connection is not open.
+  // Connecting side: waits for the connection's outcome (the stream id is assigned
+  // on the engine's strand ahead of the stream's frames). Empty, with the reason on
+  // the thread's error record, when the connection is not open.
   static boost::shared_ptr<CLogicalConnectionStream> create(const boost::shared_ptr<IPhysicalConnection>& physical);
   // Accepting side: a stream around a logical connection the engine has made.
   static boost::shared_ptr<CLogicalConnectionStream> create(const boost::shared_ptr<ILogicalConnection>& connection);
