@@ -35,8 +35,6 @@ namespace {
 // received frame.
 constexpr std::size_t kReceiveStagingSize = 32768;
 constexpr std::size_t kReceiveReadMinimum = 16384;
-// Queued frames are gathered into one write up to this size.
-constexpr std::size_t kWriteGatherLimit = 65536;
 
 std::string socket_address(int descriptor, bool peer) {
   if (descriptor < 0) return std::string();
@@ -594,8 +592,9 @@ bool CSpdyConnectionImpl<Stream>::process_received() {
 
 template <class Stream>
 void CSpdyConnectionImpl<Stream>::start_write() {
+  gather_queued_frames();
   if (writing) return;
-  if (write_queue.empty()) {
+  if (outgoing.empty()) {
     if (closing && streams.empty()) stop();
     return;
   }
@@ -604,15 +603,31 @@ void CSpdyConnectionImpl<Stream>::start_write() {
   // leave together. `writing` covers the wait, as it covers the write.
   writing = true;
   boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
-  boost::asio::post(strand, [self]() { self->write_queued_frames(); });
+  boost::asio::post(strand, [self]() { self->write_outgoing(); });
 }
 
 template <class Stream>
-void CSpdyConnectionImpl<Stream>::write_queued_frames() {
+void CSpdyConnectionImpl<Stream>::gather_queued_frames() {
+  // A frame's bytes join the outgoing bytes as soon as it is queued, and its buffer
+  // is freed there: a buffer lives only from its filling to its queuing, whatever
+  // the socket's pace. The bytes on the wire are the same as frame by frame.
+  for (PendingFrame& frame : write_queue) {
+    outgoing.insert(outgoing.end(), frame.header, frame.header + FRAME_HEADER_SIZE);
+    if (frame.buffer != nullptr) {
+      const std::size_t payload =
+          static_cast<std::size_t>(std::min<uint64_t>(frame.buffer->length, MAX_FRAME_PAYLOAD));
+      outgoing.insert(outgoing.end(), frame.buffer->data, frame.buffer->data + payload);
+      CNetworkBuffer::Free(frame.buffer);
+    }
+  }
+  write_queue.clear();
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::write_outgoing() {
   if (!socket || tls_shutdown_deferred || tls_shutdown_started) {
     // Never connected, or the connection is ending: nothing more goes out.
-    for (PendingFrame& frame : write_queue) CNetworkBuffer::Free(frame.buffer);
-    write_queue.clear();
+    outgoing.clear();
     writing = false;
     if (tls_shutdown_deferred) {
       tls_shutdown_deferred = false;
@@ -621,21 +636,12 @@ void CSpdyConnectionImpl<Stream>::write_queued_frames() {
     if (!socket) stop();
     return;
   }
-  // Header and payload of as many queued frames as fit go out in one write; the
-  // bytes on the wire are the same as frame by frame.
-  write_staging.clear();
-  while (!write_queue.empty()) {
-    PendingFrame& frame = write_queue.front();
-    const std::size_t payload =
-        frame.buffer ? static_cast<std::size_t>(std::min<uint64_t>(frame.buffer->length, MAX_FRAME_PAYLOAD)) : 0;
-    if (!write_staging.empty() && write_staging.size() + FRAME_HEADER_SIZE + payload > kWriteGatherLimit) break;
-    write_staging.insert(write_staging.end(), frame.header, frame.header + FRAME_HEADER_SIZE);
-    if (payload != 0) write_staging.insert(write_staging.end(), frame.buffer->data, frame.buffer->data + payload);
-    CNetworkBuffer::Free(frame.buffer);
-    write_queue.pop_front();
-  }
+  // Everything gathered so far goes out in one write; what is queued meanwhile
+  // gathers for the next.
+  in_flight.swap(outgoing);
+  outgoing.clear();
   boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
-  boost::asio::async_write(*socket, boost::asio::buffer(write_staging),
+  boost::asio::async_write(*socket, boost::asio::buffer(in_flight),
                            on_strand([self](const boost::system::error_code& error, std::size_t) {
                              self->handle_write(error);
                            }));

@@ -100,8 +100,10 @@ class CSpdyConnectionImpl : public CSpdyConnection,
   void handle_recv(const boost::system::error_code& error, std::size_t bytes);
   // Dispatches every complete frame received; false when the loop must end.
   bool process_received();
-  // Gathers queued frames into one write; posted by start_write.
-  void write_queued_frames();
+  // Moves the frames of the queue into `outgoing` and frees their buffers.
+  void gather_queued_frames();
+  // Writes what `outgoing` holds in one write; posted by start_write.
+  void write_outgoing();
   void handle_write(const boost::system::error_code& error);
   // Begins the TLS shutdown (close_notify); only with no write in progress.
   void start_tls_shutdown();
@@ -128,8 +130,11 @@ class CSpdyConnectionImpl : public CSpdyConnection,
   std::vector<uint8_t> receive_staging;
   std::size_t receive_begin = 0;
   std::size_t receive_end = 0;
-  // Frames gathered from the queue for the write in progress.
-  std::vector<uint8_t> write_staging;
+  // The bytes of frames queued and not yet written, and those of the write in
+  // progress. Both keep their capacity, so that a busy connection does not
+  // allocate for every write.
+  std::vector<uint8_t> outgoing;
+  std::vector<uint8_t> in_flight;
 };
 
 typedef CSpdyConnectionImpl<boost::asio::ssl::stream<boost::asio::ip::tcp::socket>> CSpdySslConnection;
