@@ -5,7 +5,8 @@
 namespace apm {
 namespace base {
 
-CConnectionIOService::CConnectionIOService() : start_timestamp(make_start_timestamp()) {}
+// Concurrency hint 1: see the header.
+CConnectionIOService::CConnectionIOService() : io_service(1), start_timestamp(make_start_timestamp()) {}
 
 CConnectionIOService::~CConnectionIOService() { shutdown(); }
 
