@@ -48,7 +48,11 @@ void CLogicalConnection::send_data(CNetworkBuffer* buffer, bool end_of_segment) 
     ConditionVariable::ScopedLock lock(condition);
     // Compared without subtracting: a peer that acknowledges more than was sent must
     // not make the outstanding count wrap around and hold this worker for good.
-    while (is_send_open() && bytes_sent > bytes_acknowledged + kOutstandingLimit) condition.Wait();
+    while (is_send_open() && bytes_sent > bytes_acknowledged + kOutstandingLimit) {
+      sender_waiting = true;
+      condition.Wait();
+      sender_waiting = false;
+    }
     bytes_sent += buffer->length;
   }
   if (!is_send_open()) {
@@ -116,22 +120,29 @@ void CLogicalConnection::recv_connection_closing() {
 
 void CLogicalConnection::recv_terminated(unsigned int status, const std::string& text) {
   boost::shared_ptr<IReceiveStream> stream = receive_stream.lock();
+  bool wake;
   {
     // Under the mutex, so that a sender about to wait on the window sees the flag.
     ConditionVariable::ScopedLock lock(condition);
     send_open.store(false, std::memory_order_release);
     receive_open.store(false, std::memory_order_release);
-    if (stream) condition.WakeupAll();
+    wake = stream && sender_waiting;
   }
+  if (wake) condition.WakeupAll();
   if (stream) stream->recv_terminated(status, text);
 }
 
 void CLogicalConnection::assign_stream_id(uint32_t id) { stream_id.store(id, std::memory_order_release); }
 
 void CLogicalConnection::acknowledge(uint32_t delta) {
-  ConditionVariable::ScopedLock lock(condition);
-  bytes_acknowledged += delta;
-  condition.WakeupAll();
+  bool wake;
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    bytes_acknowledged += delta;
+    wake = sender_waiting;
+  }
+  // Outside the mutex, and only when the sender waits on the window.
+  if (wake) condition.WakeupAll();
 }
 
 }  // namespace base

@@ -100,6 +100,9 @@ class CLogicalConnection : public ILogicalConnection,
   std::atomic<bool> send_open{true};
   uint64_t bytes_sent = 0;
   uint64_t bytes_acknowledged = 0;
+  // The worker waits in send_data; the engine wakes it only then. Guarded by the
+  // mutex of `condition`, as are the byte counts.
+  bool sender_waiting = false;
   ConditionVariable condition;
 };
 

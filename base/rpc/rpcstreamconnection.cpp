@@ -61,6 +61,12 @@ CLogicalConnectionStream::~CLogicalConnectionStream() {
   release_read_buffer();
 }
 
+void CLogicalConnectionStream::WaitForChange() {
+  reader_waiting = true;
+  condition.Wait();
+  reader_waiting = false;
+}
+
 void CLogicalConnectionStream::release_read_buffer() {
   if (read_buffer == nullptr) return;
   connection->free_buffer(read_buffer);
@@ -105,7 +111,7 @@ bool CLogicalConnectionStream::WaitNextBuffer() {
         ended = true;
         break;
       }
-      condition.Wait();
+      WaitForChange();
     }
   }
   if (ended) report_stream_error();
@@ -156,7 +162,7 @@ void CLogicalConnectionStream::NextSegment() {
   while (open) {
     while (receive_queue.empty()) {
       if (!receive_open || !open) return;
-      condition.Wait();
+      WaitForChange();
     }
     ReceivedBuffer head = receive_queue.front();
     receive_queue.pop_front();
@@ -236,7 +242,7 @@ bool CLogicalConnectionStream::ReadResponseHeaders(RPCConnectionHeaders& headers
   bool received;
   {
     ConditionVariable::ScopedLock lock(condition);
-    while (!headers_received && receive_open && open) condition.Wait();
+    while (!headers_received && receive_open && open) WaitForChange();
     headers = received_headers;
     received = headers_received;
     headers_received = false;
@@ -259,37 +265,61 @@ uint64_t CLogicalConnectionStream::GetVersion() { return connection->get_version
 // ---------------------------------------------------------------------------
 // IReceiveStream
 
+// The engine's calls change the state under the mutex and wake the reader only if it
+// waits, after letting go of the mutex, so that the reader does not wake into a
+// mutex still held. The caller holds a reference to this object throughout.
+
 void CLogicalConnectionStream::recv_data(const CNetworkBuffer* buffer, bool end_of_segment) {
-  ConditionVariable::ScopedLock lock(condition);
-  receive_queue.push_back(ReceivedBuffer{buffer, end_of_segment});
-  condition.Wakeup();
+  bool wake;
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    receive_queue.push_back(ReceivedBuffer{buffer, end_of_segment});
+    wake = reader_waiting;
+  }
+  if (wake) condition.Wakeup();
 }
 
 void CLogicalConnectionStream::recv_closed() {
-  ConditionVariable::ScopedLock lock(condition);
-  receive_open = false;
-  condition.Wakeup();
+  bool wake;
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    receive_open = false;
+    wake = reader_waiting;
+  }
+  if (wake) condition.Wakeup();
 }
 
 void CLogicalConnectionStream::recv_connection_closing() {
-  ConditionVariable::ScopedLock lock(condition);
-  connection_closing = true;
-  condition.Wakeup();
+  bool wake;
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    connection_closing = true;
+    wake = reader_waiting;
+  }
+  if (wake) condition.Wakeup();
 }
 
 void CLogicalConnectionStream::recv_terminated(unsigned int status, const std::string& text) {
-  ConditionVariable::ScopedLock lock(condition);
-  receive_open = false;
-  error_code = status;
-  error_text = text;
-  condition.Wakeup();
+  bool wake;
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    receive_open = false;
+    error_code = status;
+    error_text = text;
+    wake = reader_waiting;
+  }
+  if (wake) condition.Wakeup();
 }
 
 void CLogicalConnectionStream::recv_headers(RPCConnectionHeaders& headers) {
-  ConditionVariable::ScopedLock lock(condition);
-  received_headers = headers;
-  headers_received = true;
-  condition.Wakeup();
+  bool wake;
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    received_headers = headers;
+    headers_received = true;
+    wake = reader_waiting;
+  }
+  if (wake) condition.Wakeup();
 }
 
 boost::shared_ptr<ILogicalConnection> CLogicalConnectionStream::get_connection() { return connection; }

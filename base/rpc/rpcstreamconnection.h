@@ -123,6 +123,9 @@ class CLogicalConnectionStream : public IReceiveStream, private boost::noncopyab
   CLogicalConnectionStream() = default;
   // Puts error_code and error_text on the thread's error record; under the mutex.
   void report_stream_error();
+  // The reader's wait on `condition`, with the mutex held; marks the reader as
+  // waiting, so that the engine signals only then.
+  void WaitForChange();
   void release_read_buffer();
 
   boost::shared_ptr<ILogicalConnection> connection;
@@ -137,6 +140,7 @@ class CLogicalConnectionStream : public IReceiveStream, private boost::noncopyab
   uint64_t read_offset = 0;
   std::list<ReceivedBuffer> receive_queue;
   bool receive_open = true;
+  bool reader_waiting = false;  // guarded
   uint64_t total_received = 0;
   unsigned int error_code = 0;
   std::string error_text;
