@@ -117,6 +117,50 @@ bool Eventually(Condition condition) {
   return condition();
 }
 
+// A counter pattern: the 32-bit word at byte offset 4 * i holds i + seed.
+void FillPattern(std::vector<uint32_t>& words, uint64_t first_word, uint32_t seed) {
+  for (size_t index = 0; index < words.size(); ++index) words[index] = static_cast<uint32_t>(first_word + index) + seed;
+}
+
+// The index of the first word that breaks the pattern, or -1.
+int64_t FirstPatternMismatch(const std::vector<uint32_t>& words, uint64_t first_word, uint32_t seed) {
+  for (size_t index = 0; index < words.size(); ++index) {
+    if (words[index] != static_cast<uint32_t>(first_word + index) + seed) return static_cast<int64_t>(index);
+  }
+  return -1;
+}
+
+// Writes `size` bytes of the pattern in frame-sized writes, counting the bytes
+// whose Write has returned in `written`.
+bool WritePattern(CLogicalConnectionStream& stream, uint64_t size, uint32_t seed, std::atomic<uint64_t>& written) {
+  std::vector<uint32_t> words(CNetworkBuffer::CAPACITY / sizeof(uint32_t));
+  for (uint64_t offset = 0; offset < size; offset += CNetworkBuffer::CAPACITY) {
+    FillPattern(words, offset / sizeof(uint32_t), seed);
+    if (!stream.Write(words.data(), static_cast<unsigned int>(CNetworkBuffer::CAPACITY))) return false;
+    written += CNetworkBuffer::CAPACITY;
+  }
+  return true;
+}
+
+// Reads `size` bytes of the pattern in chunks of 64 KiB and checks them. After
+// `pause_at` bytes it opens `paused` and waits for `resume` before reading on.
+// Returns an empty text or what went wrong.
+std::string ReadPattern(CLogicalConnectionStream& stream, uint64_t size, uint32_t seed, uint64_t pause_at,
+                        Latch& paused, Latch& resume) {
+  std::vector<uint32_t> words(65536 / sizeof(uint32_t));
+  const uint64_t chunk = words.size() * sizeof(uint32_t);
+  for (uint64_t offset = 0; offset < size; offset += chunk) {
+    if (offset == pause_at) {
+      paused.Open();
+      if (!resume.Wait(60000)) return "not resumed";
+    }
+    if (!stream.Read(words.data(), chunk)) return "read failed at " + std::to_string(offset);
+    int64_t mismatch = FirstPatternMismatch(words, offset / sizeof(uint32_t), seed);
+    if (mismatch >= 0) return "wrong data at " + std::to_string(offset + mismatch * sizeof(uint32_t));
+  }
+  return std::string();
+}
+
 class RpcConnectionTest : public ::testing::Test {
  protected:
   RpcConnectionTest()
@@ -129,10 +173,27 @@ class RpcConnectionTest : public ::testing::Test {
               CNetworkBuffer::Counter().frees() - buffers_freed);
   }
 
+  // A writer of full frames whose reader has read `read` bytes, all of them
+  // acknowledged, and then stopped: 129 more frames go out (one is let through
+  // while up to 1048576 bytes are outstanding), the next write waits, and the
+  // unread buffers on the receiving side stay within the window.
+  void ExpectWriterStuckAtTheWindow(const std::atomic<uint64_t>& written, uint64_t read) {
+    const uint64_t stuck_at = read + 129 * CNetworkBuffer::CAPACITY;
+    EXPECT_TRUE(Eventually([&]() { return written.load() >= stuck_at; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_EQ(stuck_at, written.load());
+    const uint32_t live_buffers = CNetworkBuffer::Counter().allocations() - CNetworkBuffer::Counter().frees();
+    EXPECT_LE(live_buffers, 129u + 8u);
+  }
+
   // Shared with handler threads; declared before the environment, which joins
   // them, so that it outlives them.
   Latch first_latch;
   Latch second_latch;
+  Latch third_latch;
+  Latch fourth_latch;
+  std::atomic<uint64_t> client_written{0};
+  std::atomic<uint64_t> server_written{0};
   std::atomic<int> progress{0};
   std::atomic<int> code{-1};
   std::string text;
@@ -183,42 +244,64 @@ TEST_F(RpcConnectionTest, ManyConcurrentStreamsShareOneConnection) {
   ExpectNoBufferLeft();
 }
 
-TEST_F(RpcConnectionTest, LargeStreamTravelsBothWays) {
-  const size_t size = 3 * 1024 * 1024 + 12345;
-  environment.server_factory.SetHandler([size](const StreamPtr& stream, const RPCConnectionHeaders&) {
-    std::vector<uint8_t> data(size);
-    if (!stream->Read(data.data(), size)) {
+TEST_F(RpcConnectionTest, LargeStreamTravelsBothWaysAndEachWriterWaitsAtTheWindow) {
+  const uint64_t size = 64 * 1024 * 1024;
+  const uint32_t request_seed = 0;
+  const uint32_t response_seed = 0x9e3779b9;
+  const uint64_t pause_at = 16 * 1024 * 1024;
+  environment.server_factory.SetHandler([&](const StreamPtr& stream, const RPCConnectionHeaders&) {
+    text = ReadPattern(*stream, size, request_seed, pause_at, first_latch, second_latch);
+    char byte;
+    if (text.empty() && stream->Read(&byte, 1)) text = "request longer than sent";
+    if (!text.empty()) {
       stream->Terminate();
       return;
     }
-    for (uint8_t& byte : data) byte = static_cast<uint8_t>(byte ^ 0x5a);
     RPCConnectionHeaders headers;
     stream->SendResponseHeaders(headers);
-    stream->Write(data.data(), static_cast<unsigned int>(size));
+    if (!WritePattern(*stream, size, response_seed, server_written)) text = "response write failed";
   });
   ASSERT_NE(0, environment.StartServer());
   boost::shared_ptr<IPhysicalConnection> connection = environment.Connect();
   FamError record;
-  {
-    StreamPtr stream = CLogicalConnectionStream::create(connection);
-    ASSERT_TRUE(stream) << record.message;
-    std::vector<uint8_t> data(size);
-    for (size_t index = 0; index < size; ++index) data[index] = static_cast<uint8_t>(index * 7);
-    stream->SendRequestHeaders(1, 3601);
-    ASSERT_TRUE(stream->Write(data.data(), static_cast<unsigned int>(size)));
+  StreamPtr stream = CLogicalConnectionStream::create(connection);
+  ASSERT_TRUE(stream) << record.message;
+  stream->SendRequestHeaders(1, 3601);
+  std::string client_text;
+  std::thread client([&]() {
+    FamError client_record;
+    if (!WritePattern(*stream, size, request_seed, client_written)) {
+      client_text = "request write failed";
+      return;
+    }
     stream->EndStream();
     RPCConnectionHeaders headers;
-    ASSERT_TRUE(stream->ReadResponseHeaders(headers)) << record.message;
-    std::vector<uint8_t> answer(size);
-    ASSERT_TRUE(stream->Read(answer.data(), size)) << record.message;
-    for (size_t index = 0; index < size; ++index) {
-      ASSERT_EQ(static_cast<uint8_t>((index * 7) ^ 0x5a), answer[index]) << index;
+    if (!stream->ReadResponseHeaders(headers)) {
+      client_text = "no response headers: " + client_record.message;
+      return;
     }
-    EXPECT_EQ(size, stream->GetTotalSent());
-    EXPECT_EQ(size, stream->GetTotalReceived());
-    char byte;
-    EXPECT_FALSE(stream->Read(&byte, 1));
-  }
+    client_text = ReadPattern(*stream, size, response_seed, pause_at, third_latch, fourth_latch);
+  });
+  // The worker stops reading the request at 16 MiB: the client's writer stops at
+  // the window and goes on when the worker reads again.
+  EXPECT_TRUE(first_latch.Wait(60000));
+  ExpectWriterStuckAtTheWindow(client_written, pause_at);
+  second_latch.Open();
+  // The client stops reading the response at 16 MiB: now the worker's writer waits.
+  EXPECT_TRUE(third_latch.Wait(60000));
+  ExpectWriterStuckAtTheWindow(server_written, pause_at);
+  fourth_latch.Open();
+  client.join();
+  environment.server_factory.JoinHandlers();
+  EXPECT_EQ("", text);
+  EXPECT_EQ("", client_text);
+  EXPECT_EQ(size, client_written.load());
+  EXPECT_EQ(size, server_written.load());
+  EXPECT_EQ(size, stream->GetTotalSent());
+  EXPECT_EQ(size, stream->GetTotalReceived());
+  char byte;
+  EXPECT_FALSE(stream->Read(&byte, 1));
+  stream.reset();
   ExpectNoBufferLeft();
 }
 
