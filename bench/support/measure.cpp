@@ -3,6 +3,10 @@
 #include <sys/resource.h>
 
 #include <algorithm>
+#include <atomic>
+#include <thread>
+
+#include "base/famerror.h"
 
 #include "bench/support/runsummary.h"
 
@@ -53,6 +57,35 @@ void TimeRoundTrips(benchmark::State& state, const std::string& name, const std:
     times.push_back(MicrosecondsSince(started));
   }
   ReportRoundTripFigures(state, name, times, cpu_started);
+}
+
+void MeasureConcurrentCalls(benchmark::State& state, const std::string& name, int workers, double seconds,
+                            const std::function<bool()>& call) {
+  for (auto _ : state) {
+    std::atomic<int64_t> calls{0};
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int worker = 0; worker < workers; ++worker) {
+      threads.emplace_back([&]() {
+        base::FamError record;
+        while (!stop) {
+          if (call()) ++calls;
+        }
+      });
+    }
+    const double cpu_started = ProcessCpuMicroseconds();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    const int64_t done = calls.load();
+    const double cpu_used = ProcessCpuMicroseconds() - cpu_started;
+    stop = true;
+    for (std::thread& thread : threads) thread.join();
+    const double rate = static_cast<double>(done) / seconds;
+    const double cpu_per_call = done > 0 ? cpu_used / static_cast<double>(done) : 0;
+    state.counters["msgs_per_s"] = rate;
+    state.counters["cpu_us_per_call"] = cpu_per_call;
+    RunSummary::Get().Set(name + "_per_s", rate);
+    RunSummary::Get().Set(name + "_cpu_us_per_call", cpu_per_call);
+  }
 }
 
 void ReportBulkFigures(benchmark::State& state, const std::string& name, size_t bytes, double seconds,

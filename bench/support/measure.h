@@ -39,6 +39,13 @@ void ReportRoundTripFigures(benchmark::State& state, const std::string& name, co
 // benchmark with an error.
 void TimeRoundTrips(benchmark::State& state, const std::string& name, const std::function<bool()>& round_trip);
 
+// Runs `call` over and over on `workers` threads of its own for `seconds`: the calls
+// that succeeded within that time, per second, go to the counter "msgs_per_s" and
+// the figure `name`_per_s, the processor time of the process per call to
+// "cpu_us_per_call" and `name`_cpu_us_per_call. Each worker has an error record.
+void MeasureConcurrentCalls(benchmark::State& state, const std::string& name, int workers, double seconds,
+                            const std::function<bool()>& call);
+
 // Sets the rate of the iterations of `state`, each `bytes` long, and the counter
 // "cpu_us_per_MiB" from the processor time since `cpu_started`; puts the rate in
 // MB/s down as the figure `name`_MBps of the summary, from the `seconds` that all

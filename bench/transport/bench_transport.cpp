@@ -7,13 +7,10 @@
 // speak TLS 1.2 with ECDHE-RSA-AES128-GCM-SHA256. The ratios and their goals are
 // printed at the end.
 #include <benchmark/benchmark.h>
-#include <signal.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -25,6 +22,7 @@
 #include "base/rpc/rpcconnectionheaders.h"
 #include "base/rpc/rpcspdyserverconnection.h"
 #include "base/rpc/rpcstreamconnection.h"
+#include "bench/support/baselines.h"
 #include "bench/support/measure.h"
 #include "bench/support/rawtls.h"
 #include "bench/support/runsummary.h"
@@ -266,69 +264,12 @@ void BM_TransportMessages64Workers(benchmark::State& state) {
   FamError record;
   Transport transport;
   const std::vector<uint8_t> request(kRoundTripBytes, 1);
-  for (auto _ : state) {
-    std::atomic<int64_t> calls{0};
-    std::atomic<bool> stop{false};
-    std::vector<std::thread> workers;
-    for (int worker = 0; worker < 64; ++worker) {
-      workers.emplace_back([&]() {
-        FamError worker_record;
-        while (!stop) {
-          if (transport.Call(kRoundTripBytes, request)) ++calls;
-        }
-      });
-    }
-    const double cpu_started = ProcessCpuMicroseconds();
-    std::this_thread::sleep_for(std::chrono::seconds(2));
-    const int64_t done = calls.load();
-    const double cpu_used = ProcessCpuMicroseconds() - cpu_started;
-    stop = true;
-    for (std::thread& worker : workers) worker.join();
-    state.counters["msgs_per_s"] = static_cast<double>(done) / 2.0;
-    state.counters["cpu_us_per_call"] = done > 0 ? cpu_used / static_cast<double>(done) : 0;
-    RunSummary::Get().Set("transport_64_workers_cpu_us_per_call", state.counters["cpu_us_per_call"]);
-    RunSummary::Get().Set("transport_64_workers_per_s", static_cast<double>(done) / 2.0);
-  }
+  MeasureConcurrentCalls(state, "transport_64_workers", 64, 2.0,
+                         [&]() { return transport.Call(kRoundTripBytes, request); });
 }
 BENCHMARK(BM_TransportMessages64Workers)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 
-// Plain TLS in records of range(0) bytes, each preceded by a record of range(1)
-// bytes if that is not 0: 16 KiB records, and what a frame-per-write engine would
-// write, an 8-byte frame header and its 8192-byte payload as two records.
-void BM_RawTlsBulk(benchmark::State& state) {
-  const size_t record = static_cast<size_t>(state.range(0));
-  const size_t header = static_cast<size_t>(state.range(1));
-  RawTlsPair pair;
-  const double cpu_started = ProcessCpuMicroseconds();
-  const auto started = std::chrono::steady_clock::now();
-  for (auto _ : state) {
-    if (!pair.Bulk(kBulkBytes, record, header)) state.SkipWithError("transfer failed");
-  }
-  ReportBulkFigures(state, header == 0 ? "raw_bulk_16k" : "raw_bulk_frames", kBulkBytes,
-                    MicrosecondsSince(started) / 1e6, cpu_started);
-  state.SetLabel(pair.Cipher());
-}
-BENCHMARK(BM_RawTlsBulk)
-    ->Args({16384, 0})
-    ->Args({8192, 8})
-    ->ArgNames({"record", "header"})
-    ->Unit(benchmark::kMillisecond)
-    ->UseRealTime()
-    ->Iterations(3);
-
-void BM_RawTlsPingPong(benchmark::State& state) {
-  RawTlsPair pair;
-  const double cpu_started = ProcessCpuMicroseconds();
-  std::vector<double> times;
-  for (auto _ : state) times = pair.PingPong(kRoundTripBytes, kRoundTrips);
-  if (times.size() != static_cast<size_t>(kRoundTrips)) state.SkipWithError("ping-pong failed");
-  ReportRoundTripFigures(state, "raw_pingpong", times, cpu_started);
-  state.SetLabel(pair.Cipher());
-}
-BENCHMARK(BM_RawTlsPingPong)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
-
-void AddGoals() {
-  RunSummary& summary = RunSummary::Get();
+void AddGoals(RunSummary& summary) {
   summary.AddRatio("bulk / raw 16 KiB records", "transport_bulk_MBps", "raw_bulk_16k_MBps", RunSummary::kAtLeast,
                    0.35);
   // The same comparison by processor time per MiB, which a busy machine, whose
@@ -352,11 +293,5 @@ void AddGoals() {
 
 int main(int argc, char** argv) {
   BenchTlsSettings tls_settings;
-  signal(SIGPIPE, SIG_IGN);
-  benchmark::Initialize(&argc, argv);
-  AddGoals();
-  benchmark::RunSpecifiedBenchmarks();
-  benchmark::Shutdown();
-  RunSummary::Get().Print(stdout);
-  return 0;
+  return RunBenchmarksWithBaselines(argc, argv, {kBulkBytes, 3, true, kRoundTripBytes, kRoundTrips}, AddGoals);
 }
