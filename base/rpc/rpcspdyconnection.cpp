@@ -204,6 +204,13 @@ void CSpdyConnection::start_server() {
 
 void CSpdyConnection::handle_close(bool force) {
   closing = true;
+  if (!exchange_done) {
+    // Connecting, in TLS or in the version exchange: no frame may go out yet and
+    // no stream exists, so the connection ends at once; the connect under way fails
+    // as it does at its time-out.
+    handle_stop();
+    return;
+  }
   CNetworkBuffer* buffer = CNetworkBuffer::Allocate();
   pack_goaway(buffer, 0, SPDY_STATUS_CANCEL);
   send_control_frame(SPDY_GOAWAY, 0, buffer);
@@ -617,6 +624,7 @@ void CSpdyConnection::_connect_result(bool ok) {
     signal_connection_closed();
     peer_closed = true;
   } else {
+    exchange_done = true;
     set_connect_failure_text(std::string());
   }
   CNetworkBuffer::Free(handshake_buffer);

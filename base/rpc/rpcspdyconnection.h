@@ -177,6 +177,8 @@ class CSpdyConnection : public IPhysicalConnection {
   std::atomic<bool> connect_done{false};
   std::atomic<bool> closing{false};
   std::atomic<bool> peer_closed{false};
+  // The version exchange has succeeded: frames may flow.
+  bool exchange_done = false;
   CNetworkBuffer* handshake_buffer = nullptr;
   ConditionVariable connect_condition;
   boost::system::error_code last_error;  // guarded by connect_condition

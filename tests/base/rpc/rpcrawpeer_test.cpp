@@ -920,6 +920,44 @@ TEST_F(RawServerTest, ServerWithoutTlsRunsIntoTheTimeout) {
   EXPECT_EQ(0u, record.message.find("cannot establish secure connection (")) << record.message;
 }
 
+TEST_F(RawServerTest, CloseDuringTheTlsHandshakeEndsTheConnectionWithoutAnyTimer) {
+  Latch hello;
+  Serve([&](RawTlsPeer& raw) {
+    // TCP only: the first byte of the client's TLS hello shows that the connection
+    // under test is in its handshake, which is never answered.
+    uint8_t first = 0;
+    if (raw.Accept("", false) && raw.Read(&first, 1)) {
+      hello.Open();
+      raw.WaitForEnd();
+    }
+  });
+  RPCConnectionParameters parameters = environment.ClientParameters(port);
+  parameters.connect_timeout = 0;
+  parameters.ping_interval = 0;
+  boost::shared_ptr<IPhysicalConnection> connection = environment.Connect(parameters);
+  ASSERT_TRUE(hello.Wait());
+  connection->close(false);
+  // The wait for the outcome and the service's shutdown run on a thread of their
+  // own; should they hang, a forced close releases them so that the test ends.
+  Latch finished;
+  bool created = true;
+  std::string message;
+  std::thread caller([&]() {
+    FamError record;
+    created = static_cast<bool>(CLogicalConnectionStream::create(connection));
+    message = record.message;
+    environment.client_service->shutdown();
+    finished.Open();
+  });
+  const bool ended = finished.Wait(5000);
+  if (!ended) connection->close(true);
+  caller.join();
+  EXPECT_TRUE(ended);
+  EXPECT_FALSE(created);
+  EXPECT_EQ(0u, message.find("cannot establish secure connection (")) << message;
+  EXPECT_TRUE(connection->is_stopped());
+}
+
 }  // namespace
 }  // namespace base
 }  // namespace apm
