@@ -14,12 +14,11 @@ constexpr uint64_t kOutstandingLimit = RPC_STREAM_WINDOW;
 }  // namespace
 
 boost::shared_ptr<CLogicalConnection> CLogicalConnection::create(const boost::shared_ptr<CSpdyConnection>& physical,
-                                                                 bool server) {
-  return boost::shared_ptr<CLogicalConnection>(new CLogicalConnection(physical, server));
+                                                                 bool /*server*/) {
+  return boost::shared_ptr<CLogicalConnection>(new CLogicalConnection(physical));
 }
 
-CLogicalConnection::CLogicalConnection(const boost::shared_ptr<CSpdyConnection>& physical, bool server)
-    : physical(physical), is_server(server) {}
+CLogicalConnection::CLogicalConnection(const boost::shared_ptr<CSpdyConnection>& physical) : physical(physical) {}
 
 CLogicalConnection::~CLogicalConnection() = default;
 

@@ -40,7 +40,8 @@ constexpr uint64_t RPC_STREAM_WINDOW = 1048576;
 class CLogicalConnection : public ILogicalConnection,
                            public boost::enable_shared_from_this<CLogicalConnection> {
  public:
-  // A new stream of `physical`, nothing sent; `server` marks the accepting side.
+  // A new stream of `physical`, nothing sent; `server` marks the accepting side,
+  // which nothing in the engine depends on, so it is not kept.
   static boost::shared_ptr<CLogicalConnection> create(const boost::shared_ptr<CSpdyConnection>& physical,
                                                       bool server);
   ~CLogicalConnection() override;
@@ -87,12 +88,11 @@ class CLogicalConnection : public ILogicalConnection,
   unsigned int get_priority() const { return priority; }
 
  private:
-  CLogicalConnection(const boost::shared_ptr<CSpdyConnection>& physical, bool server);
+  explicit CLogicalConnection(const boost::shared_ptr<CSpdyConnection>& physical);
 
   boost::shared_ptr<CSpdyConnection> physical;
   boost::weak_ptr<IReceiveStream> receive_stream;
   std::atomic<uint32_t> stream_id{0};
-  bool is_server;
   // The opening frame of this side (SYN_STREAM or SYN_REPLY) has been posted.
   bool initiated = false;
   unsigned int priority = 7;
