@@ -38,7 +38,7 @@ void RunSummary::Print(FILE* out) const {
   std::getline(std::ifstream("/proc/loadavg"), load);
   std::fprintf(out, "\nLoad average: %s\nFigures:\n", load.c_str());
   for (const auto& figure : figures_) std::fprintf(out, "  %-32s %12.2f\n", figure.first.c_str(), figure.second);
-  std::fprintf(out, "Goals:\n");
+  std::fprintf(out, "Comparisons:\n");
   for (const Line& line : lines_) {
     double value = 0, denominator = 1;
     const char* relation = line.bound == kAtMost ? "<=" : ">=";
@@ -48,6 +48,10 @@ void RunSummary::Print(FILE* out) const {
       continue;
     }
     value /= denominator;
+    if (line.bound == kNoGoal) {
+      std::fprintf(out, "  %-44s %10.3f\n", line.label.c_str(), value);
+      continue;
+    }
     const bool met = line.bound == kAtMost ? value <= line.goal : value >= line.goal;
     std::fprintf(out, "  %-44s %10.3f  (goal %s %g: %s)\n", line.label.c_str(), value, relation, line.goal,
                  met ? "met" : "missed");

@@ -19,21 +19,22 @@ namespace bench {
 
 class RunSummary : private boost::noncopyable {
  public:
-  // Which way a goal bounds a value.
-  enum Bound { kAtMost, kAtLeast };
+  // Which way a goal bounds a value; kNoGoal for a comparison shown without one.
+  enum Bound { kAtMost, kAtLeast, kNoGoal };
 
   static RunSummary& Get();
 
   void Set(const std::string& name, double value);
 
   // A line of the summary: figure `numerator` divided by figure `denominator`,
-  // against the goal `bound` `goal`.
+  // against the goal `bound` `goal` (not read for kNoGoal).
   void AddRatio(const std::string& label, const std::string& numerator, const std::string& denominator,
                 Bound bound, double goal);
   // A line of the summary: figure `name` itself against the goal.
   void AddFigure(const std::string& label, const std::string& name, Bound bound, double goal);
 
-  // The machine's load average, every figure, then every line with "met" or "missed", to `out`.
+  // The machine's load average, every figure, then every line, with "met" or
+  // "missed" where it has a goal, to `out`.
   void Print(FILE* out) const;
 
  private:
