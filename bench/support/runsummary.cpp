@@ -37,7 +37,7 @@ void RunSummary::Print(FILE* out) const {
   std::string load;
   std::getline(std::ifstream("/proc/loadavg"), load);
   std::fprintf(out, "\nLoad average: %s\nFigures:\n", load.c_str());
-  for (const auto& figure : figures_) std::fprintf(out, "  %-32s %12.2f\n", figure.first.c_str(), figure.second);
+  for (const auto& figure : figures_) std::fprintf(out, "  %-40s %12.2f\n", figure.first.c_str(), figure.second);
   std::fprintf(out, "Comparisons:\n");
   for (const Line& line : lines_) {
     double value = 0, denominator = 1;
