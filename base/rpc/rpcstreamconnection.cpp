@@ -13,6 +13,11 @@ namespace {
 
 constexpr size_t kMarkSize = 16;
 
+// A reader waiting for more than this is woken once this much is queued: far below
+// a stream's window, so the peer can always send what wakes it, and enough that a
+// large read is not woken for every frame.
+constexpr uint64_t kReaderWakeLimit = 65536;
+
 }  // namespace
 
 bool FileWriter::Write(const CNetworkBuffer* buffer) {
@@ -54,6 +59,7 @@ CLogicalConnectionStream::~CLogicalConnectionStream() {
     open = false;
     receive_open = false;
     unread.swap(receive_queue);
+    queued_bytes = 0;
   }
   // Released through the connection, so that the peer's window opens for data
   // nobody read.
@@ -61,10 +67,12 @@ CLogicalConnectionStream::~CLogicalConnectionStream() {
   release_read_buffer();
 }
 
-void CLogicalConnectionStream::WaitForChange() {
+void CLogicalConnectionStream::WaitForChange(uint64_t wanted) {
+  wake_bytes = std::min(std::max<uint64_t>(wanted, 1), kReaderWakeLimit);
   reader_waiting = true;
   condition.Wait();
   reader_waiting = false;
+  wake_bytes = 1;
 }
 
 void CLogicalConnectionStream::release_read_buffer() {
@@ -87,7 +95,9 @@ void CLogicalConnectionStream::report_stream_error() {
 // ---------------------------------------------------------------------------
 // Reading
 
-bool CLogicalConnectionStream::WaitNextBuffer() {
+bool CLogicalConnectionStream::WaitNextBuffer() { return WaitNextBuffer(1); }
+
+bool CLogicalConnectionStream::WaitNextBuffer(uint64_t wanted) {
   if (read_buffer != nullptr) return true;
   bool ended = false;
   {
@@ -98,6 +108,7 @@ bool CLogicalConnectionStream::WaitNextBuffer() {
         read_buffer = head.buffer;
         read_offset = 0;
         head.buffer = nullptr;
+        if (read_buffer != nullptr) queued_bytes -= read_buffer->length;
         if (!head.end_of_segment) {
           receive_queue.pop_front();
         } else if (read_buffer == nullptr) {
@@ -111,7 +122,7 @@ bool CLogicalConnectionStream::WaitNextBuffer() {
         ended = true;
         break;
       }
-      WaitForChange();
+      WaitForChange(wanted);
     }
   }
   if (ended) report_stream_error();
@@ -122,7 +133,7 @@ bool CLogicalConnectionStream::Read(void* destination, unsigned long size) {
   unsigned long copied = 0;
   uint8_t* target = static_cast<uint8_t*>(destination);
   for (;;) {
-    if (!WaitNextBuffer()) return false;
+    if (!WaitNextBuffer(size - copied)) return false;
     const unsigned long count =
         static_cast<unsigned long>(std::min<uint64_t>(size - copied, read_buffer->length - read_offset));
     if (count != 0) std::memcpy(target + copied, read_buffer->data + read_offset, count);
@@ -166,6 +177,7 @@ void CLogicalConnectionStream::NextSegment() {
     }
     ReceivedBuffer head = receive_queue.front();
     receive_queue.pop_front();
+    if (head.buffer != nullptr) queued_bytes -= head.buffer->length;
     // free_buffer only posts, so it is safe under this mutex.
     if (head.buffer != nullptr) connection->free_buffer(head.buffer);
     if (head.end_of_segment) return;
@@ -274,7 +286,8 @@ void CLogicalConnectionStream::recv_data(const CNetworkBuffer* buffer, bool end_
   {
     ConditionVariable::ScopedLock lock(condition);
     receive_queue.push_back(ReceivedBuffer{buffer, end_of_segment});
-    wake = reader_waiting;
+    if (buffer != nullptr) queued_bytes += buffer->length;
+    wake = reader_waiting && (end_of_segment || buffer == nullptr || queued_bytes >= wake_bytes);
   }
   if (wake) condition.Wakeup();
 }

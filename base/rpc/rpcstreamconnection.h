@@ -123,9 +123,13 @@ class CLogicalConnectionStream : public IReceiveStream, private boost::noncopyab
   CLogicalConnectionStream() = default;
   // Puts error_code and error_text on the thread's error record; under the mutex.
   void report_stream_error();
+  // WaitNextBuffer for a reader that still needs `wanted` bytes.
+  bool WaitNextBuffer(uint64_t wanted);
   // The reader's wait on `condition`, with the mutex held; marks the reader as
-  // waiting, so that the engine signals only then.
-  void WaitForChange();
+  // waiting, so that the engine signals only then. A reader that needs `wanted`
+  // bytes is woken by data only when that many are queued (at most
+  // kReaderWakeLimit), by anything else at once.
+  void WaitForChange(uint64_t wanted = 1);
   void release_read_buffer();
 
   boost::shared_ptr<ILogicalConnection> connection;
@@ -141,6 +145,8 @@ class CLogicalConnectionStream : public IReceiveStream, private boost::noncopyab
   std::list<ReceivedBuffer> receive_queue;
   bool receive_open = true;
   bool reader_waiting = false;  // guarded
+  uint64_t queued_bytes = 0;     // guarded: the bytes of the buffers in receive_queue
+  uint64_t wake_bytes = 1;       // guarded: queued bytes that wake the waiting reader
   uint64_t total_received = 0;
   unsigned int error_code = 0;
   std::string error_text;

@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstring>
@@ -121,6 +122,53 @@ TEST_F(StreamTest, ReadNeverCrossesASegmentEndAndKeepsWhatWasCopied) {
   EXPECT_EQ('a', target[0]);
   EXPECT_EQ('b', target[1]);
   EXPECT_EQ(0u, stream->GetTotalReceived());
+}
+
+// A waiting reader that wants more bytes than are queued is left asleep by data
+// alone, but a segment end, an empty frame or the end of the stream wakes it.
+TEST_F(StreamTest, ReaderWaitingForMoreThanIsQueuedIsWokenByASegmentEnd) {
+  std::vector<char> target(20000, 0);
+  bool result = true;
+  std::thread reader([&]() { result = stream->Read(target.data(), target.size()); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  stream->recv_data(BufferOf("abc"), false);
+  stream->recv_data(BufferOf("de"), true);
+  reader.join();
+  EXPECT_FALSE(result);
+  EXPECT_EQ("abcde", std::string(target.data(), 5));
+  EXPECT_EQ(0u, stream->GetTotalReceived());
+}
+
+TEST_F(StreamTest, ReaderWaitingForMoreThanIsQueuedIsWokenByTheEndOfTheStream) {
+  std::vector<char> target(20000, 0);
+  bool result = true;
+  std::thread reader([&]() { result = stream->Read(target.data(), target.size()); });
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  stream->recv_data(BufferOf("abc"), false);
+  stream->recv_data(nullptr, false);
+  stream->recv_closed();
+  reader.join();
+  EXPECT_FALSE(result);
+  EXPECT_EQ("abc", std::string(target.data(), 3));
+  EXPECT_EQ(0, record.code);
+}
+
+TEST_F(StreamTest, ReadOfMoreThanSixtyFourKibibytesGetsEveryByteInOrder) {
+  const size_t size = 24 * 8192 + 3392;
+  std::vector<char> target(size, 0);
+  bool result = false;
+  std::thread reader([&]() { result = stream->Read(target.data(), target.size()); });
+  for (size_t done = 0; done < size; done += 8192) {
+    const size_t count = std::min<size_t>(8192, size - done);
+    std::string chunk(count, static_cast<char>('a' + done / 8192));
+    stream->recv_data(BufferOf(chunk), false);
+  }
+  reader.join();
+  EXPECT_TRUE(result);
+  EXPECT_EQ('a', target[0]);
+  EXPECT_EQ('a' + 24, target[size - 1]);
+  EXPECT_EQ(25u, connection->acknowledged.size());
+  EXPECT_EQ(size, stream->GetTotalReceived());
 }
 
 TEST_F(StreamTest, ZeroLengthFrameWithEndSegmentEndsASegment) {
