@@ -578,13 +578,13 @@ bool CSpdyConnectionImpl<Stream>::process_received() {
     }
     if (receive_end - receive_begin < FRAME_HEADER_SIZE + length) break;
     if (length != 0) {
-      read_buffer = CNetworkBuffer::Allocate();
+      read_buffer = header.is_control() ? &control_payload : CNetworkBuffer::Allocate();
       std::memcpy(read_buffer->data, start + FRAME_HEADER_SIZE, length);
       read_buffer->length = length;
     }
     receive_begin += FRAME_HEADER_SIZE + length;
     process_frame(header);
-    CNetworkBuffer::Free(read_buffer);
+    if (read_buffer != &control_payload) CNetworkBuffer::Free(read_buffer);
     read_buffer = nullptr;
   }
   return true;

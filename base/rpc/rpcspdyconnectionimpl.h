@@ -130,6 +130,10 @@ class CSpdyConnectionImpl : public CSpdyConnection,
   std::vector<uint8_t> receive_staging;
   std::size_t receive_begin = 0;
   std::size_t receive_end = 0;
+  // Where the payload of a received control frame lands: it is read only while the
+  // frame is handled, so it needs no buffer of its own (a data frame's payload is
+  // handed on, in a buffer allocated for it).
+  CNetworkBuffer control_payload;
   // The bytes of frames queued and not yet written, and those of the write in
   // progress. Both keep their capacity, so that a busy connection does not
   // allocate for every write.
