@@ -205,6 +205,13 @@ void CSpdyConnection::start_server() {
 void CSpdyConnection::handle_close(bool force) {
   closing = true;
   if (!exchange_done) {
+    if (!connecting && !connect_done) {
+      // An acceptor's connection still waiting for its client: its socket belongs
+      // to the pending accept, so nothing touches it here. The connection reports
+      // its end and, without a factory, never starts.
+      signal_connection_closed();
+      return;
+    }
     // Connecting, in TLS or in the version exchange: no frame may go out yet and
     // no stream exists, so the connection ends at once; the connect under way fails
     // as it does at its time-out.
