@@ -8,6 +8,7 @@
 // no locks.
 #pragma once
 
+#include <atomic>
 #include <csignal>
 
 #include "base/famerror.h"
@@ -25,7 +26,9 @@ extern unsigned int listenPort;
 // Where stdout and stderr go ("ProcessOutFile"); null to leave them. Never freed.
 extern char* processOutFile;
 // 1 once the server is running; only then do SIGTERM and SIGINT stop the daemon.
-extern volatile std::sig_atomic_t running;
+// Atomic (and lock-free, so safe in a handler): the kernel may deliver the signal
+// on any of the daemon's threads, not only on main's.
+extern std::atomic<int> running;
 // Posted by the stop signal; main sleeps on it.
 extern base::_Semaphore<base::_apm_traits_os> stopSemaphore;
 
@@ -34,6 +37,7 @@ extern base::_Semaphore<base::_apm_traits_os> stopSemaphore;
 void sighandler(int signal);
 // SIGPIPE: does nothing, so that writing to a closed socket does not end the process.
 void sigpipehandler(int signal);
+// The handlers keep errno as they found it, for the code they interrupted.
 // SIGHUP, the log-rotation hook, also used for the first redirection: with
 // `processOutFile` set, flushes stdout and stderr, opens the file for appending
 // (O_CREAT, mode 0644) and puts it on descriptors 1 and 2. If it cannot be opened

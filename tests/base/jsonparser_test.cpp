@@ -1,7 +1,6 @@
 #include "base/jsonparser.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 
 #include <cstdio>
 #include <cstring>
@@ -15,6 +14,7 @@
 #include "base/jsonreader.h"
 #include "base/jsonvalue.h"
 #include "base/memorystream.h"
+#include "tests/support/workerstack.h"
 
 namespace apm {
 namespace base {
@@ -82,21 +82,6 @@ std::string Nested(const char* open, const char* close, size_t depth, const char
   text += inner;
   for (size_t level = 0; level < depth; ++level) text += close;
   return text;
-}
-
-// Runs `body` on a new POSIX thread with an 8 MiB stack, the default of a worker.
-void RunOnEightMiBStack(const std::function<void()>& body) {
-  pthread_attr_t attributes;
-  ASSERT_EQ(pthread_attr_init(&attributes), 0);
-  ASSERT_EQ(pthread_attr_setstacksize(&attributes, 8u << 20), 0);
-  pthread_t thread;
-  auto run = [](void* argument) -> void* {
-    (*static_cast<const std::function<void()>*>(argument))();
-    return nullptr;
-  };
-  ASSERT_EQ(pthread_create(&thread, &attributes, run, const_cast<std::function<void()>*>(&body)), 0);
-  pthread_join(thread, nullptr);
-  pthread_attr_destroy(&attributes);
 }
 
 struct Row {
@@ -454,7 +439,7 @@ TEST(JsonParser, NullStreamReadsAsEmptyInput) {
 // as parsing. One document per test, so that each stays within the time limit of
 // a sanitizer build, where deep stacks are slow.
 void ExpectRoundTripOnAWorkerSizedStack(const std::string& text) {
-  RunOnEightMiBStack([&] {
+  test::RunOnWorkerSizedStack([&] {
     CRefPtr<JsonValue> value;
     EXPECT_TRUE(JsonParser::parseimpl(text, value));
     ASSERT_TRUE(value);
@@ -508,11 +493,11 @@ TEST(JsonParser, OneLevelBeyondTheLimitFailsCleanly) {
 TEST(JsonParser, HostileDepthFailsCleanlyOnAWorkerSizedStack) {
   const std::string opening(4 << 20, '[');
   std::string result;
-  RunOnEightMiBStack([&] { result = Parse(opening); });
+  test::RunOnWorkerSizedStack([&] { result = Parse(opening); });
   EXPECT_EQ(result, "fail maximum nesting depth exceeded");
   // Closed documents and streams of the same kind fail the same way.
   const std::string objects = Nested("{\"\":", "}", 100000, "0");
-  RunOnEightMiBStack([&] { result = Parse(objects); });
+  test::RunOnWorkerSizedStack([&] { result = Parse(objects); });
   EXPECT_EQ(result, "fail maximum nesting depth exceeded");
 }
 

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/workerstack.h"
+
 namespace apm {
 namespace base {
 namespace {
@@ -447,19 +449,22 @@ TEST(JsonValue, ValueOfAnotherClassWritesItselfInPlace) {
 }
 
 TEST(JsonValue, DeepTreeBuiltByCodeSerializesCopiesAndDies) {
-  // A tree at the parser's nesting limit, made directly.
-  CRefPtr<JsonValueArray> root(new JsonValueArray());
-  JsonValueArray* level = root.get();
-  for (int depth = 1; depth < 10000; ++depth) {
-    JsonValueArray* child = new JsonValueArray();
-    level->appendValue(child);
-    level = child;
-  }
-  const std::string serialized = Serialize(root.get());
-  EXPECT_EQ(serialized, std::string(10000, '[') + std::string(10000, ']'));
-  CRefPtr<JsonValue> copy;
-  root->Copy(copy);
-  EXPECT_EQ(Serialize(copy.get()), serialized);
+  // A tree at the parser's nesting limit, made directly; serializing, copying and
+  // destroying recurse as deep as the tree, on a worker-sized stack.
+  test::RunOnWorkerSizedStack([] {
+    CRefPtr<JsonValueArray> root(new JsonValueArray());
+    JsonValueArray* level = root.get();
+    for (int depth = 1; depth < 10000; ++depth) {
+      JsonValueArray* child = new JsonValueArray();
+      level->appendValue(child);
+      level = child;
+    }
+    const std::string serialized = Serialize(root.get());
+    EXPECT_EQ(serialized, std::string(10000, '[') + std::string(10000, ']'));
+    CRefPtr<JsonValue> copy;
+    root->Copy(copy);
+    EXPECT_EQ(Serialize(copy.get()), serialized);
+  });
 }
 
 }  // namespace
