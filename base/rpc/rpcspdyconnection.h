@@ -80,22 +80,28 @@ class CSpdyConnection : public IPhysicalConnection {
   void post_window_update(const boost::shared_ptr<CLogicalConnection>& logical, uint32_t delta);
   void post_terminate(const boost::shared_ptr<CLogicalConnection>& logical, uint32_t status);
 
+  // The virtual functions this class adds, in their slot order: get_pointer,
+  // start_connect, start_write, start_server, shutdown.
+
   // A shared pointer to this object.
   virtual boost::shared_ptr<CSpdyConnection> get_pointer() = 0;
 
+ protected:
+  // Implemented by the derived class, on the strand unless told otherwise.
+  virtual void start_connect() = 0;  // any thread: posts the connector
+  virtual void start_write() = 0;
+
+ public:
   // Accepting side, called once the socket has been accepted: sets the flags of an
   // accepted connection (the derived class goes on with TLS).
   virtual void start_server();
 
  protected:
+  virtual void shutdown() = 0;
+
   CSpdyConnection(const boost::shared_ptr<CConnectionIOService>& service, IConnectionHandlerFactory* factory,
                   const boost::shared_ptr<IServerConnection>& server, uint32_t server_key,
                   const RPCConnectionParameters& parameters);
-
-  // Implemented by the derived class, on the strand unless told otherwise.
-  virtual void start_connect() = 0;  // any thread: posts the connector
-  virtual void start_write() = 0;
-  virtual void shutdown() = 0;
 
   // A pending frame: the 8 header bytes ready for the wire and the payload, if any.
   struct PendingFrame {

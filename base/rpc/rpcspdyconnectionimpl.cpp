@@ -70,8 +70,11 @@ CSpdyConnectionImpl<Stream>::CSpdyConnectionImpl(const boost::shared_ptr<CConnec
                                                  uint32_t server_key, const RPCConnectionParameters& parameters)
     : CSpdyConnection(service, factory, server, server_key, parameters),
       ssl_context(boost::asio::ssl::context::sslv23) {
+  // TLS 1.0 to 1.2: the peer is verified within the handshake and the configured
+  // cipher lists apply (under TLS 1.3 a client would learn of a refused certificate
+  // only on its first read, and the cipher lists would not restrict the suites).
   ssl_context.set_options(boost::asio::ssl::context::no_compression | boost::asio::ssl::context::no_sslv2 |
-                          boost::asio::ssl::context::no_sslv3);
+                          boost::asio::ssl::context::no_sslv3 | boost::asio::ssl::context::no_tlsv1_3);
 }
 
 template <class Stream>
