@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <utility>
 
 #include "base/rpc/networkbuffer.h"
 #include "base/rpc/rpcconnectionparameters.h"
@@ -199,6 +200,13 @@ bool RawTlsPeer::SendData(uint32_t stream_id, uint8_t flags, const std::vector<u
 }
 
 bool RawTlsPeer::ReadFrame(RawFrame& frame) {
+  if (kept_frames_.empty()) return ReadFrameFromConnection(frame);
+  frame = std::move(kept_frames_.front());
+  kept_frames_.pop_front();
+  return true;
+}
+
+bool RawTlsPeer::ReadFrameFromConnection(RawFrame& frame) {
   uint8_t header[8];
   if (!Read(header, sizeof(header))) return false;
   frame.header = base::unpack_frame_header(header);
@@ -212,6 +220,16 @@ bool RawTlsPeer::ReadFrameAnsweringPings(RawFrame& frame) {
     if (!frame.is_control(base::SPDY_PING)) return true;
     if (!SendControl(base::SPDY_PING, 0, frame.payload)) return false;
   }
+}
+
+bool RawTlsPeer::Sync(uint32_t id) {
+  if (!SendControl(base::SPDY_PING, 0, Words({id}))) return false;
+  RawFrame frame;
+  while (ReadFrameFromConnection(frame)) {
+    if (frame.is_control(base::SPDY_PING) && frame.word(0) == id) return true;
+    kept_frames_.push_back(frame);
+  }
+  return false;
 }
 
 std::vector<uint8_t> RawTlsPeer::SynStreamPayload(uint32_t stream_id, const base::RPCConnectionHeaders& headers) {

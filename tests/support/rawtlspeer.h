@@ -4,12 +4,15 @@
 // peer never would and look at exactly what the engine puts on the wire.
 //
 // Reads wait at most the read time-out (default 5 s) and then fail with
-// timed_out() set. One peer is one connection; it is used by one thread.
+// timed_out() set. Frames read while waiting for the echo of Sync are kept by the
+// peer and handed out first by ReadFrame. One peer is one connection; it is used
+// by one thread.
 #pragma once
 
 #include <openssl/ssl.h>
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -64,9 +67,15 @@ class RawTlsPeer {
 
   bool SendControl(uint16_t type, uint8_t flags, const std::vector<uint8_t>& payload, uint16_t version = 3);
   bool SendData(uint32_t stream_id, uint8_t flags, const std::vector<uint8_t>& payload);
+  // The frames kept by Sync first, then frames from the connection.
   bool ReadFrame(RawFrame& frame);
   // Reads frames until one that is not a PING; PINGs of the other side are echoed.
   bool ReadFrameAnsweringPings(RawFrame& frame);
+  // A PING with `id` from this side and its echo prove that the connection lives
+  // and that the other side has dealt with everything sent before. Frames read on
+  // the way are kept, in order of arrival.
+  bool Sync(uint32_t id = 101);
+  const std::deque<RawFrame>& kept_frames() const { return kept_frames_; }
 
   // Payloads built with the frame codec.
   static std::vector<uint8_t> SynStreamPayload(uint32_t stream_id, const base::RPCConnectionHeaders& headers);
@@ -77,12 +86,14 @@ class RawTlsPeer {
 
  private:
   bool StartTls(const std::string& certificate_file, bool server);
+  bool ReadFrameFromConnection(RawFrame& frame);
 
   int listener_ = -1;
   int socket_ = -1;
   SSL_CTX* context_ = nullptr;
   SSL* ssl_ = nullptr;
   bool timed_out_ = false;
+  std::deque<RawFrame> kept_frames_;
 };
 
 }  // namespace test

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -16,19 +17,25 @@ namespace test {
 
 namespace {
 
-// A socket bound to an ephemeral port of all IPv4 interfaces, listening if asked;
-// the port goes to `port`.
-int BindEphemeral(bool listening, unsigned short& port) {
+const int kNotListening = -1;
+
+[[noreturn]] void Fail(const char* what) {
+  std::perror(what);
+  std::abort();
+}
+
+// A socket bound to an ephemeral port of the IPv4 `host` (host byte order),
+// listening with `backlog` unless that is kNotListening; the port goes to `port`.
+int BindEphemeral(uint32_t host, int backlog, unsigned short& port) {
   const int descriptor = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in address = {};
   address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_ANY);
+  address.sin_addr.s_addr = htonl(host);
   socklen_t length = sizeof(address);
   if (descriptor < 0 || bind(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
-      (listening && listen(descriptor, 1) != 0) ||
+      (backlog != kNotListening && listen(descriptor, backlog) != 0) ||
       getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    std::perror("cannot bind an ephemeral TCP port");
-    std::abort();
+    Fail("cannot bind an ephemeral TCP port");
   }
   port = ntohs(address.sin_port);
   return descriptor;
@@ -38,7 +45,7 @@ int BindEphemeral(bool listening, unsigned short& port) {
 
 unsigned short FreeTcpPort() {
   unsigned short port = 0;
-  close(BindEphemeral(false, port));
+  close(BindEphemeral(INADDR_ANY, kNotListening, port));
   return port;
 }
 
@@ -59,11 +66,28 @@ bool IsTcpPortListening(unsigned short port) {
   return false;
 }
 
-HeldTcpPort::HeldTcpPort() { descriptor_ = BindEphemeral(true, port_); }
+HeldTcpPort::HeldTcpPort() { descriptor_ = BindEphemeral(INADDR_ANY, 1, port_); }
 
 void HeldTcpPort::Close() {
   if (descriptor_ >= 0) close(descriptor_);
   descriptor_ = -1;
+}
+
+UnansweringTcpPort::UnansweringTcpPort() {
+  listener_ = BindEphemeral(INADDR_LOOPBACK, 0, port_);
+  filler_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address = {};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port_);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (filler_ < 0 || connect(filler_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+    Fail("cannot fill the accept queue of a TCP port");
+  }
+}
+
+UnansweringTcpPort::~UnansweringTcpPort() {
+  close(filler_);
+  close(listener_);
 }
 
 }  // namespace test

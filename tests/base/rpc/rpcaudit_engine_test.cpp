@@ -16,10 +16,8 @@ namespace apm {
 namespace base {
 namespace {
 
-using test::GetTestIdentity;
 using test::RawFrame;
 using test::RawTlsPeer;
-using test::RpcTestEnvironment;
 
 typedef boost::shared_ptr<CLogicalConnectionStream> StreamPtr;
 
@@ -36,7 +34,7 @@ class StreamTableTest : public ::testing::Test {
   void SetUp() override {
     environment.server_factory.SetHandler([](const StreamPtr&, const RPCConnectionHeaders&) {});
     ASSERT_NE(0, environment.StartServer(environment.ServerParameters()));
-    ASSERT_TRUE(peer.Connect(environment.port, GetTestIdentity("client").certificate_file));
+    ASSERT_TRUE(peer.Connect(environment.port, test::GetTestIdentity("client").certificate_file));
     ASSERT_TRUE(peer.Handshake());
   }
 
@@ -50,36 +48,15 @@ class StreamTableTest : public ::testing::Test {
   void OpenAndDropStream(uint32_t id) {
     OpenStream(id);
     RawFrame frame;
-    ASSERT_TRUE(ReadFrame(frame));
+    ASSERT_TRUE(peer.ReadFrame(frame));
     ASSERT_TRUE(frame.is_control(SPDY_SYN_REPLY));
-    ASSERT_TRUE(ReadFrame(frame));
+    ASSERT_TRUE(peer.ReadFrame(frame));
     ASSERT_EQ(FLAG_END_SEGMENT, frame.header.flags());
-    ASSERT_TRUE(ReadFrame(frame));
+    ASSERT_TRUE(peer.ReadFrame(frame));
     ASSERT_EQ(FLAG_FIN, frame.header.flags());
     environment.server_factory.JoinHandlers();
-    ASSERT_TRUE(Sync());
-    ASSERT_TRUE(received.empty());
-  }
-
-  // A PING of the peer's side and its echo: everything sent before has been dealt
-  // with. Frames read on the way are kept.
-  bool Sync(uint32_t id = 101) {
-    if (!peer.SendControl(SPDY_PING, 0, RawTlsPeer::Words({id}))) return false;
-    RawFrame frame;
-    while (peer.ReadFrame(frame)) {
-      if (frame.is_control(SPDY_PING) && frame.word(0) == id) return true;
-      received.push_back(frame);
-    }
-    return false;
-  }
-
-  bool ReadFrame(RawFrame& frame) {
-    if (!received.empty()) {
-      frame = received.front();
-      received.erase(received.begin());
-      return true;
-    }
-    return peer.ReadFrame(frame);
+    ASSERT_TRUE(peer.Sync());
+    ASSERT_TRUE(peer.kept_frames().empty());
   }
 
   // The stream with `id` is opened anew: its handler's reply comes and a new stream
@@ -87,27 +64,26 @@ class StreamTableTest : public ::testing::Test {
   void ExpectAccepted(uint32_t id, int streams) {
     OpenStream(id);
     RawFrame frame;
-    ASSERT_TRUE(ReadFrame(frame));
+    ASSERT_TRUE(peer.ReadFrame(frame));
     EXPECT_TRUE(frame.is_control(SPDY_SYN_REPLY));
     EXPECT_EQ(id, frame.word(0));
     ASSERT_TRUE(environment.server_factory.WaitForStreams(streams, 5000));
   }
 
-  RpcTestEnvironment environment;
+  test::RpcTestEnvironment environment;
   RawTlsPeer peer;
-  std::vector<RawFrame> received;
 };
 
 TEST_F(StreamTableTest, HeadersForAStreamWhoseWorkerHasGoneLeaveTheIdInUse) {
   OpenAndDropStream(1);
   ASSERT_TRUE(peer.SendControl(SPDY_HEADERS, 0, RawTlsPeer::StreamIdPayload(1, RPCConnectionHeaders())));
-  ASSERT_TRUE(Sync());
-  EXPECT_TRUE(received.empty());
+  ASSERT_TRUE(peer.Sync());
+  EXPECT_TRUE(peer.kept_frames().empty());
   // The entry is still there: a new SYN_STREAM with the id is answered with
   // STREAM_IN_USE, which removes the expired entry.
   OpenStream(1);
   RawFrame frame;
-  ASSERT_TRUE(ReadFrame(frame));
+  ASSERT_TRUE(peer.ReadFrame(frame));
   EXPECT_TRUE(frame.is_control(SPDY_RST_STREAM));
   EXPECT_EQ((std::vector<uint32_t>{1, 8}), (std::vector<uint32_t>{frame.word(0), frame.word(1)}));
   EXPECT_EQ(1, environment.server_factory.streams_created.load());
@@ -118,34 +94,35 @@ TEST_F(StreamTableTest, HeadersForAStreamWhoseWorkerHasGoneLeaveTheIdInUse) {
 TEST_F(StreamTableTest, SynReplyForAStreamWhoseWorkerHasGoneRemovesItsEntry) {
   OpenAndDropStream(1);
   ASSERT_TRUE(peer.SendControl(SPDY_SYN_REPLY, 0, RawTlsPeer::StreamIdPayload(1, RPCConnectionHeaders())));
-  ASSERT_TRUE(Sync());
-  EXPECT_TRUE(received.empty());
+  ASSERT_TRUE(peer.Sync());
+  EXPECT_TRUE(peer.kept_frames().empty());
   ExpectAccepted(1, 2);
 }
 
 TEST_F(StreamTableTest, DataForAStreamWhoseWorkerHasGoneRemovesItsEntry) {
   OpenAndDropStream(1);
   ASSERT_TRUE(peer.SendData(1, 0, std::vector<uint8_t>(10, 7)));
-  ASSERT_TRUE(Sync());
-  ASSERT_EQ(1u, received.size());
-  EXPECT_TRUE(received[0].is_control(SPDY_WINDOW_UPDATE));
-  received.clear();
+  ASSERT_TRUE(peer.Sync());
+  ASSERT_EQ(1u, peer.kept_frames().size());
+  RawFrame frame;
+  ASSERT_TRUE(peer.ReadFrame(frame));
+  EXPECT_TRUE(frame.is_control(SPDY_WINDOW_UPDATE));
   ExpectAccepted(1, 2);
 }
 
 TEST_F(StreamTableTest, EmptyDataFrameForAStreamWhoseWorkerHasGoneRemovesItsEntryUnacknowledged) {
   OpenAndDropStream(1);
   ASSERT_TRUE(peer.SendData(1, 0, {}));
-  ASSERT_TRUE(Sync());
-  EXPECT_TRUE(received.empty());
+  ASSERT_TRUE(peer.Sync());
+  EXPECT_TRUE(peer.kept_frames().empty());
   ExpectAccepted(1, 2);
 }
 
 TEST_F(StreamTableTest, RstStreamForAStreamWhoseWorkerHasGoneRemovesItsEntrySilently) {
   OpenAndDropStream(1);
   ASSERT_TRUE(peer.SendControl(SPDY_RST_STREAM, 0, RawTlsPeer::Words({1, 5})));
-  ASSERT_TRUE(Sync());
-  EXPECT_TRUE(received.empty());
+  ASSERT_TRUE(peer.Sync());
+  EXPECT_TRUE(peer.kept_frames().empty());
   ExpectAccepted(1, 2);
 }
 
@@ -153,7 +130,7 @@ TEST_F(StreamTableTest, SynStreamWithTheTopBitSetIsKeptUnderItsWholeId) {
   // The id of a SYN_STREAM is taken whole, and the reply names it so.
   OpenStream(0x80000001u);
   RawFrame frame;
-  ASSERT_TRUE(ReadFrame(frame));
+  ASSERT_TRUE(peer.ReadFrame(frame));
   EXPECT_TRUE(frame.is_control(SPDY_SYN_REPLY));
   EXPECT_EQ(0x80000001u, frame.word(0));
 }

@@ -21,6 +21,7 @@
 #include "base/rpc/rpclogicalconnection.h"
 #include "base/rpc/rpcstreamconnection.h"
 #include "tests/support/rpctestenvironment.h"
+#include "tests/support/tcpport.h"
 #include "tests/support/testcertificates.h"
 
 namespace apm {
@@ -687,20 +688,8 @@ TEST_F(RpcConnectionTest, InvalidCipherListFailsBeforeConnecting) {
 }
 
 TEST_F(RpcConnectionTest, ConnectThatGetsNoAnswerRunsIntoTheTimeout) {
-  // A listener with a full accept queue drops further connection requests, so the
-  // next connect hangs.
-  int listener = socket(AF_INET, SOCK_STREAM, 0);
-  struct sockaddr_in address;
-  std::memset(&address, 0, sizeof(address));
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(0, ::bind(listener, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)));
-  ASSERT_EQ(0, ::listen(listener, 0));
-  socklen_t length = sizeof(address);
-  getsockname(listener, reinterpret_cast<struct sockaddr*>(&address), &length);
-  const unsigned short port = ntohs(address.sin_port);
-  int filler = socket(AF_INET, SOCK_STREAM, 0);
-  ASSERT_EQ(0, ::connect(filler, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)));
+  test::UnansweringTcpPort unanswering;
+  const unsigned short port = unanswering.port();
 
   RPCConnectionParameters parameters = environment.ClientParameters(port);
   parameters.connect_timeout = 20;
@@ -712,8 +701,6 @@ TEST_F(RpcConnectionTest, ConnectThatGetsNoAnswerRunsIntoTheTimeout) {
   EXPECT_EQ(static_cast<int>(0x80004005), record.code);
   EXPECT_EQ("timeout connecting to 127.0.0.1:" + std::to_string(port), record.message);
   EXPECT_TRUE(environment.client_factory.WaitForClosed(1, 5000));
-  close(filler);
-  close(listener);
 }
 
 }  // namespace

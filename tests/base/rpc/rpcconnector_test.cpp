@@ -33,6 +33,7 @@
 #include "base/famerror.h"
 #include "base/rpc/rpcstreamconnection.h"
 #include "tests/support/rpctestenvironment.h"
+#include "tests/support/tcpport.h"
 
 namespace {
 
@@ -270,25 +271,10 @@ TEST_F(RpcConnectorTest, SecondAddressIsTriedWhenTheFirstRefuses) {
 }
 
 TEST_F(RpcConnectorTest, SecondAddressRunsOnTheTimeoutOfTheFirst) {
-  // A listener on 127.0.0.1 with a full accept queue drops further connection
-  // requests, so a connect to the second address hangs.
-  int listener = socket(AF_INET, SOCK_STREAM, 0);
-  struct sockaddr_in address;
-  std::memset(&address, 0, sizeof(address));
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(0, ::bind(listener, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)));
-  ASSERT_EQ(0, ::listen(listener, 0));
-  socklen_t length = sizeof(address);
-  getsockname(listener, reinterpret_cast<struct sockaddr*>(&address), &length);
-  const unsigned short port = ntohs(address.sin_port);
-  int filler = socket(AF_INET, SOCK_STREAM, 0);
-  ASSERT_EQ(0, ::connect(filler, reinterpret_cast<struct sockaddr*>(&address), sizeof(address)));
-  if (!Ipv6LoopbackRefuses(port)) {
-    close(filler);
-    close(listener);
-    GTEST_SKIP() << "no IPv6 loopback address";
-  }
+  // A connect to the second address, 127.0.0.1, hangs.
+  test::UnansweringTcpPort unanswering;
+  const unsigned short port = unanswering.port();
+  if (!Ipv6LoopbackRefuses(port)) GTEST_SKIP() << "no IPv6 loopback address";
   const size_t attempts_before = ConnectAttemptCount();
 
   RPCConnectionParameters parameters = environment.ClientParameters(port);
@@ -309,8 +295,6 @@ TEST_F(RpcConnectorTest, SecondAddressRunsOnTheTimeoutOfTheFirst) {
   EXPECT_LT(elapsed, std::chrono::milliseconds(5000));
   EXPECT_TRUE(connection->is_stopped());
   EXPECT_TRUE(environment.client_factory.WaitForClosed(1, 5000));
-  close(filler);
-  close(listener);
 }
 
 TEST_F(RpcConnectorTest, HostThatDoesNotResolveReportsCouldNotResolve) {

@@ -71,27 +71,6 @@ class RawClientTest : public ::testing::Test {
   }
   void StartAndHandshake() { StartAndHandshake(environment.ServerParameters()); }
 
-  // A PING from the peer's side and its echo prove that the connection lives and
-  // that everything sent before has been dealt with. Frames read on the way are kept.
-  bool Sync(uint32_t id = 101) {
-    if (!peer.SendControl(SPDY_PING, 0, RawTlsPeer::Words({id}))) return false;
-    RawFrame frame;
-    while (peer.ReadFrame(frame)) {
-      if (frame.is_control(SPDY_PING) && frame.word(0) == id) return true;
-      received.push_back(frame);
-    }
-    return false;
-  }
-
-  bool ReadFrame(RawFrame& frame) {
-    if (!received.empty()) {
-      frame = received.front();
-      received.erase(received.begin());
-      return true;
-    }
-    return peer.ReadFrame(frame);
-  }
-
   void OpenStream(uint32_t id, uint8_t flags = 0, const RPCConnectionHeaders& headers = RequestHeaders()) {
     ASSERT_TRUE(peer.SendControl(SPDY_SYN_STREAM, flags, RawTlsPeer::SynStreamPayload(id, headers)));
   }
@@ -106,7 +85,6 @@ class RawClientTest : public ::testing::Test {
 
   RpcTestEnvironment environment;
   RawTlsPeer peer;
-  std::vector<RawFrame> received;
 };
 
 TEST_F(RawClientTest, VersionEqualToTheMinimumIsAcceptedWithThe30ByteResponse) {
@@ -117,7 +95,7 @@ TEST_F(RawClientTest, VersionEqualToTheMinimumIsAcceptedWithThe30ByteResponse) {
   EXPECT_EQ((std::vector<uint8_t>{0, 0, 0, 0, 0, 0, 0, 0, 18, 0, 0, 0, 3, 0, 0xd3, 0x5f, 0, 0, 3, 0, 0x0f, 0}),
             std::vector<uint8_t>(response, response + 22));
   EXPECT_NE(0u, unpack_version_response_data(response + 12).start_timestamp);
-  EXPECT_TRUE(Sync());
+  EXPECT_TRUE(peer.Sync());
 }
 
 TEST_F(RawClientTest, ClientOlderThanTheMinimumGetsNoResponse) {
@@ -256,8 +234,8 @@ TEST_F(RawClientTest, UnknownFrameTypesAreReadAndIgnored) {
   for (uint16_t type : {0, 4, 5, 10, 0x7fff}) {
     ASSERT_TRUE(peer.SendControl(type, 0xff, std::vector<uint8_t>(20, 0xab)));
   }
-  EXPECT_TRUE(Sync());
-  EXPECT_TRUE(received.empty());
+  EXPECT_TRUE(peer.Sync());
+  EXPECT_TRUE(peer.kept_frames().empty());
 }
 
 TEST_F(RawClientTest, ZeroLengthControlFrameOfAnyTypeIsIgnored) {
@@ -266,8 +244,8 @@ TEST_F(RawClientTest, ZeroLengthControlFrameOfAnyTypeIsIgnored) {
   for (uint16_t type : {SPDY_SYN_STREAM, SPDY_RST_STREAM, SPDY_PING, SPDY_GOAWAY, SPDY_WINDOW_UPDATE}) {
     ASSERT_TRUE(peer.SendControl(type, 0, {}));
   }
-  EXPECT_TRUE(Sync());
-  EXPECT_TRUE(received.empty());
+  EXPECT_TRUE(peer.Sync());
+  EXPECT_TRUE(peer.kept_frames().empty());
   EXPECT_EQ(0, environment.server_factory.streams_created.load());
 }
 
@@ -297,8 +275,8 @@ TEST_F(RawClientTest, UndecodableHeaderBlockDropsTheFrameSilently) {
   ASSERT_TRUE(peer.SendControl(SPDY_SYN_STREAM, 0, payload));
   // Too short for its fixed part.
   ASSERT_TRUE(peer.SendControl(SPDY_SYN_STREAM, 0, std::vector<uint8_t>(9, 0)));
-  EXPECT_TRUE(Sync());
-  EXPECT_TRUE(received.empty());
+  EXPECT_TRUE(peer.Sync());
+  EXPECT_TRUE(peer.kept_frames().empty());
   EXPECT_EQ(0, environment.server_factory.streams_created.load());
   EXPECT_EQ(0, environment.server_factory.streams_refused.load());
 }
@@ -401,13 +379,13 @@ TEST_F(RawClientTest, RequestEndingEarlyIsResetWithStatus5AndNothingFollows) {
   ASSERT_TRUE(peer.SendData(1, FLAG_END_SEGMENT | FLAG_FIN, Bytes("abc")));
   ASSERT_TRUE(environment.server_factory.WaitForStreams(1, 5000));
   environment.server_factory.JoinHandlers();
-  ASSERT_TRUE(Sync());
+  ASSERT_TRUE(peer.Sync());
   // The 3 bytes consumed are acknowledged, then the reset; no reply, no data.
-  ASSERT_EQ(2u, received.size());
-  EXPECT_TRUE(received[0].is_control(SPDY_WINDOW_UPDATE));
-  EXPECT_EQ((std::vector<uint32_t>{1, 3}), (std::vector<uint32_t>{received[0].word(0), received[0].word(1)}));
-  EXPECT_TRUE(received[1].is_control(SPDY_RST_STREAM));
-  EXPECT_EQ((std::vector<uint32_t>{1, 5}), (std::vector<uint32_t>{received[1].word(0), received[1].word(1)}));
+  ASSERT_EQ(2u, peer.kept_frames().size());
+  EXPECT_TRUE(peer.kept_frames()[0].is_control(SPDY_WINDOW_UPDATE));
+  EXPECT_EQ((std::vector<uint32_t>{1, 3}), (std::vector<uint32_t>{peer.kept_frames()[0].word(0), peer.kept_frames()[0].word(1)}));
+  EXPECT_TRUE(peer.kept_frames()[1].is_control(SPDY_RST_STREAM));
+  EXPECT_EQ((std::vector<uint32_t>{1, 5}), (std::vector<uint32_t>{peer.kept_frames()[1].word(0), peer.kept_frames()[1].word(1)}));
 }
 
 TEST_F(RawClientTest, UnidirectionalStreamSwallowsTheHandlersWrites) {
@@ -427,13 +405,13 @@ TEST_F(RawClientTest, UnidirectionalStreamSwallowsTheHandlersWrites) {
   });
   StartAndHandshake();
   OpenStream(1, FLAG_UNIDIRECTIONAL);
-  ASSERT_TRUE(Sync(99));
+  ASSERT_TRUE(peer.Sync(99));
   opened.Open();
   ASSERT_TRUE(written.Wait());
   environment.server_factory.JoinHandlers();
-  ASSERT_TRUE(Sync());
+  ASSERT_TRUE(peer.Sync());
   // Neither the headers nor the data nor the end of the stream go out.
-  EXPECT_TRUE(received.empty());
+  EXPECT_TRUE(peer.kept_frames().empty());
 }
 
 TEST_F(RawClientTest, EndStreamOnAFreshStreamSendsReplyEmptyMarkedFrameAndFin) {
@@ -500,8 +478,8 @@ TEST_F(RawClientTest, WindowUpdateForAnUnknownStreamIsIgnored) {
   ASSERT_TRUE(peer.SendControl(SPDY_WINDOW_UPDATE, 0, RawTlsPeer::Words({99, 100})));
   ASSERT_TRUE(peer.SendControl(SPDY_WINDOW_UPDATE, 0, RawTlsPeer::Words({0, 100})));
   ASSERT_TRUE(peer.SendControl(SPDY_RST_STREAM, 0, RawTlsPeer::Words({99, 5})));
-  EXPECT_TRUE(Sync());
-  EXPECT_TRUE(received.empty());
+  EXPECT_TRUE(peer.Sync());
+  EXPECT_TRUE(peer.kept_frames().empty());
 }
 
 TEST_F(RawClientTest, PingFromThePeerIsEchoed) {
@@ -632,7 +610,7 @@ TEST_F(RawClientTest, GoawayOfEightBytesTellsTheFactoryAtOnce) {
 
 TEST_F(RawClientTest, CloseWithNoOpenStreamSendsGoawayAndStopsWhenTheQueueHasDrained) {
   StartAndHandshake();
-  ASSERT_TRUE(Sync());
+  ASSERT_TRUE(peer.Sync());
   environment.server->close(false);
   RawFrame frame;
   ASSERT_TRUE(peer.ReadFrame(frame));
