@@ -35,7 +35,7 @@ CSpdyConnection::CSpdyConnection(const boost::shared_ptr<CConnectionIOService>& 
       server(server),
       server_key(server_key),
       timer(service->get_io_service()),
-      strand(boost::asio::make_strand(service->get_io_service().get_executor())),
+      strand(service->get_io_service()),
       resolver(service->get_io_service()),
       parameters(parameters),
       connection_id(parameters.connection_id) {}
@@ -142,7 +142,7 @@ void CSpdyConnection::post_syn_stream(const boost::shared_ptr<CLogicalConnection
                                       uint32_t associated, uint32_t priority,
                                       const RPCConnectionHeaders& headers) {
   boost::shared_ptr<CSpdyConnection> self = get_pointer();
-  boost::asio::post(strand, [self, logical, flags, associated, priority, headers]() {
+  strand.run_or_post([self, logical, flags, associated, priority, headers]() {
     self->send_syn_stream(logical, flags, associated, priority, headers);
   });
 }
@@ -150,19 +150,25 @@ void CSpdyConnection::post_syn_stream(const boost::shared_ptr<CLogicalConnection
 void CSpdyConnection::post_syn_reply(const boost::shared_ptr<CLogicalConnection>& logical, uint8_t flags,
                                      const RPCConnectionHeaders& headers) {
   boost::shared_ptr<CSpdyConnection> self = get_pointer();
-  boost::asio::post(strand, [self, logical, flags, headers]() { self->send_syn_reply(logical, flags, headers); });
+  strand.run_or_post([self, logical, flags, headers]() { self->send_syn_reply(logical, flags, headers); });
 }
 
 void CSpdyConnection::post_headers(const boost::shared_ptr<CLogicalConnection>& logical, uint8_t flags,
                                    const RPCConnectionHeaders& headers) {
   boost::shared_ptr<CSpdyConnection> self = get_pointer();
-  boost::asio::post(strand, [self, logical, flags, headers]() { self->send_headers(logical, flags, headers); });
+  strand.run_or_post([self, logical, flags, headers]() { self->send_headers(logical, flags, headers); });
 }
 
 void CSpdyConnection::post_data(const boost::shared_ptr<CLogicalConnection>& logical, uint8_t flags,
                                 CNetworkBuffer* buffer) {
   boost::shared_ptr<CSpdyConnection> self = get_pointer();
-  boost::asio::post(strand, [self, logical, flags, buffer]() { self->send_data(logical, flags, buffer); });
+  strand.run_or_post([self, logical, flags, buffer]() {
+    // Run by the worker itself, a frame with data (or the end of a segment) leaves
+    // from its thread at once; the bare FLAG_FIN behind it may wait.
+    self->write_at_once = CConnectionStrand::running_for_caller() && (buffer != nullptr || (flags & FLAG_FIN) == 0);
+    self->send_data(logical, flags, buffer);
+    self->write_at_once = false;
+  });
 }
 
 void CSpdyConnection::post_window_update(uint32_t stream_id, uint32_t delta) {
@@ -172,7 +178,7 @@ void CSpdyConnection::post_window_update(uint32_t stream_id, uint32_t delta) {
 
 void CSpdyConnection::post_created_connection(const boost::shared_ptr<CLogicalConnection>& logical) {
   boost::shared_ptr<CSpdyConnection> self = get_pointer();
-  boost::asio::post(strand, [self, logical]() { self->init_created_connection(logical); });
+  strand.run_or_post([self, logical]() { self->init_created_connection(logical); });
 }
 
 void CSpdyConnection::post_terminate(uint32_t stream_id, uint32_t status) {
@@ -182,8 +188,7 @@ void CSpdyConnection::post_terminate(uint32_t stream_id, uint32_t status) {
 
 void CSpdyConnection::post_window_update(const boost::shared_ptr<CLogicalConnection>& logical, uint32_t delta) {
   boost::shared_ptr<CSpdyConnection> self = get_pointer();
-  boost::asio::post(strand,
-                    [self, logical, delta]() { self->send_window_update(logical->get_stream_id(), delta); });
+  strand.run_or_post([self, logical, delta]() { self->send_window_update(logical->get_stream_id(), delta); });
 }
 
 void CSpdyConnection::post_terminate(const boost::shared_ptr<CLogicalConnection>& logical, uint32_t status) {

@@ -21,7 +21,6 @@
 #include <boost/asio/deadline_timer.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/asio/strand.hpp>
 #include <boost/shared_ptr.hpp>
 #include <boost/system/error_code.hpp>
 #include <boost/weak_ptr.hpp>
@@ -34,6 +33,7 @@
 #include "base/conditionvariable.h"
 #include "base/rpc/rpcconnection.h"
 #include "base/rpc/rpcconnectionioservice.h"
+#include "base/rpc/rpcconnectionstrand.h"
 #include "base/rpc/rpcframe.h"
 
 namespace apm {
@@ -43,7 +43,7 @@ class CLogicalConnection;
 
 class CSpdyConnection : public IPhysicalConnection {
  public:
-  typedef boost::asio::strand<boost::asio::io_context::executor_type> Strand;
+  typedef CConnectionStrand Strand;
 
   ~CSpdyConnection() override;
   CSpdyConnection(const CSpdyConnection&) = delete;
@@ -64,7 +64,12 @@ class CSpdyConnection : public IPhysicalConnection {
   void stop();
 
   // Any thread: bind a copy of the arguments to the send_... operation of the same
-  // name and post it to the strand. They never block.
+  // name and post it to the strand. They never block. Those that a worker calls for
+  // its stream (syn_stream, syn_reply, headers, data, created_connection and the
+  // window update by stream) run the operation on the calling thread instead when
+  // the strand is idle: their handlers take no lock but those of the stream's
+  // logical connection and stream, which no caller holds when it sends, and the
+  // window update none at all (a reader frees buffers under the stream's mutex).
   void post_syn_stream(const boost::shared_ptr<CLogicalConnection>& logical, uint8_t flags,
                        uint32_t associated, uint32_t priority, const RPCConnectionHeaders& headers);
   void post_syn_reply(const boost::shared_ptr<CLogicalConnection>& logical, uint8_t flags,
@@ -176,7 +181,15 @@ class CSpdyConnection : public IPhysicalConnection {
   uint32_t next_stream_id = 1;
   uint32_t last_ping_id = 1;
   CNetworkBuffer* read_buffer = nullptr;
+  // A frame is on its way to the socket: a write is posted or under way.
   bool writing = false;
+  // The two halves of `writing`: write_outgoing is posted and has not run yet, and
+  // the socket's write is under way.
+  bool write_posted = false;
+  bool write_in_flight = false;
+  // Set while a worker's data frame is handled on the worker's own thread: the
+  // write happens there at once instead of being posted.
+  bool write_at_once = false;
   std::deque<PendingFrame> write_queue;
   std::atomic<bool> connecting{false};
   std::atomic<bool> connected{false};

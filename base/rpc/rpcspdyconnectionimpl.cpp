@@ -12,10 +12,15 @@
 #include <openssl/obj_mac.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <chrono>
 #include <boost/asio/connect.hpp>
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/post.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
 #include <cstring>
@@ -35,6 +40,12 @@ namespace {
 // received frame.
 constexpr std::size_t kReceiveStagingSize = 32768;
 constexpr std::size_t kReceiveReadMinimum = 16384;
+// The most a worker writes on its own thread, in one TLS record.
+constexpr std::size_t kWriteAtOnceLimit = 16384;
+// The most bytes sent and not yet acknowledged that still let a worker write.
+constexpr int kWriteAtOnceBacklog = 65536;
+// How long a worker's frames may wait for its next data frame.
+constexpr std::chrono::microseconds kLazyFlushDelay(500);
 
 std::string socket_address(int descriptor, bool peer) {
   if (descriptor < 0) return std::string();
@@ -69,7 +80,8 @@ CSpdyConnectionImpl<Stream>::CSpdyConnectionImpl(const boost::shared_ptr<CConnec
                                                  const boost::shared_ptr<IServerConnection>& server,
                                                  uint32_t server_key, const RPCConnectionParameters& parameters)
     : CSpdyConnection(service, factory, server, server_key, parameters),
-      ssl_context(boost::asio::ssl::context::sslv23) {
+      ssl_context(boost::asio::ssl::context::sslv23),
+      flush_timer(service->get_io_service()) {
   // TLS 1.0 to 1.2: the peer is verified within the handshake and the configured
   // cipher lists apply (under TLS 1.3 a client would learn of a refused certificate
   // only on its first read, and the cipher lists would not restrict the suites).
@@ -596,17 +608,35 @@ bool CSpdyConnectionImpl<Stream>::process_received() {
 template <class Stream>
 void CSpdyConnectionImpl<Stream>::start_write() {
   gather_queued_frames();
-  if (writing) return;
+  // A write under way takes what gathered meanwhile when it completes.
+  if (write_in_flight) return;
   if (outgoing.empty()) {
-    if (closing && streams.empty()) stop();
+    if (!writing && closing && streams.empty()) stop();
+    return;
+  }
+  if (write_at_once) {
+    // A worker's data frame, handled on the worker's thread: the bytes leave from
+    // here. A write posted earlier (for a window update, say) then finds nothing
+    // left to do.
+    if (!write_outgoing_at_once()) write_outgoing();
+    return;
+  }
+  if (write_posted) return;
+  if (CConnectionStrand::running_for_caller()) {
+    if (flush_armed) return;
+    // A worker's other frames (headers, window updates, the FLAG_FIN behind the
+    // last data) wait for its next data frame, which takes them along, or for a
+    // short timer, which wakes an I/O thread only when nothing else has sent them.
+    arm_flush_timer();
     return;
   }
   // The write itself runs after the handlers already waiting on the strand, so
   // that the frames of a burst (a request's SYN_STREAM, data and FLAG_FIN, say)
   // leave together. `writing` covers the wait, as it covers the write.
+  write_posted = true;
   writing = true;
   boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
-  boost::asio::post(strand, [self]() { self->write_outgoing(); });
+  boost::asio::post(strand, [self]() { self->handle_posted_write(); });
 }
 
 template <class Stream>
@@ -627,11 +657,64 @@ void CSpdyConnectionImpl<Stream>::gather_queued_frames() {
 }
 
 template <class Stream>
+bool CSpdyConnectionImpl<Stream>::write_outgoing_at_once() {
+  if (!socket || tls_shutdown_deferred || tls_shutdown_started) return false;
+  if (outgoing.size() > kWriteAtOnceLimit) return false;
+  // Only when everything written before has been sent and little waits for its
+  // acknowledgement, so that the socket takes the bytes without blocking: a peer
+  // that does not read must never hold the worker and the strand.
+  const int descriptor = socket->lowest_layer().native_handle();
+  int unsent = 0, unacknowledged = 0;
+  if (ioctl(descriptor, SIOCOUTQNSD, &unsent) != 0 || unsent != 0) return false;
+  if (ioctl(descriptor, SIOCOUTQ, &unacknowledged) != 0 || unacknowledged > kWriteAtOnceBacklog) return false;
+  // A write that completes on this thread: no completion is posted, so no I/O
+  // thread wakes for it.
+  boost::system::error_code error;
+  boost::asio::write(*socket, boost::asio::buffer(outgoing), error);
+  outgoing.clear();
+  if (error) {
+    stop();
+  } else if (!writing && closing && streams.empty()) {
+    stop();
+  }
+  return true;
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::arm_flush_timer() {
+  flush_armed = true;
+  writing = true;
+  flush_timer.expires_after(kLazyFlushDelay);
+  boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
+  // Never cancelled: a stop lets it run out, and what it finds still goes out (or
+  // the TLS shutdown that waited for it begins).
+  flush_timer.async_wait(on_strand([self](const boost::system::error_code&) { self->handle_flush_timer(); }));
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_flush_timer() {
+  flush_armed = false;
+  update_writing();
+  if (!write_in_flight) write_outgoing();
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::update_writing() {
+  writing = write_posted || write_in_flight || flush_armed;
+}
+
+template <class Stream>
+void CSpdyConnectionImpl<Stream>::handle_posted_write() {
+  write_posted = false;
+  if (!write_in_flight) write_outgoing();
+}
+
+template <class Stream>
 void CSpdyConnectionImpl<Stream>::write_outgoing() {
   if (!socket || tls_shutdown_deferred || tls_shutdown_started) {
     // Never connected, or the connection is ending: nothing more goes out.
     outgoing.clear();
-    writing = false;
+    update_writing();
     if (tls_shutdown_deferred) {
       tls_shutdown_deferred = false;
       start_tls_shutdown();
@@ -639,10 +722,18 @@ void CSpdyConnectionImpl<Stream>::write_outgoing() {
     if (!socket) stop();
     return;
   }
+  if (outgoing.empty()) {
+    // Taken by a write started meanwhile, which has completed.
+    update_writing();
+    if (!writing && closing && streams.empty()) stop();
+    return;
+  }
   // Everything gathered so far goes out in one write; what is queued meanwhile
   // gathers for the next.
   in_flight.swap(outgoing);
   outgoing.clear();
+  write_in_flight = true;
+  writing = true;
   boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
   boost::asio::async_write(*socket, boost::asio::buffer(in_flight),
                            on_strand([self](const boost::system::error_code& error, std::size_t) {
@@ -652,7 +743,8 @@ void CSpdyConnectionImpl<Stream>::write_outgoing() {
 
 template <class Stream>
 void CSpdyConnectionImpl<Stream>::handle_write(const boost::system::error_code& error) {
-  writing = false;
+  write_in_flight = false;
+  update_writing();
   if (tls_shutdown_deferred) {
     tls_shutdown_deferred = false;
     start_tls_shutdown();

@@ -14,6 +14,7 @@
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/enable_shared_from_this.hpp>
@@ -102,8 +103,20 @@ class CSpdyConnectionImpl : public CSpdyConnection,
   bool process_received();
   // Moves the frames of the queue into `outgoing` and frees their buffers.
   void gather_queued_frames();
-  // Writes what `outgoing` holds in one write; posted by start_write.
+  // Writes what `outgoing` holds in one write, unless a write is under way.
   void write_outgoing();
+  // A worker's frames, written on its thread and completed there if they are few
+  // and the socket's send queue is empty; false if they must take the asynchronous
+  // way.
+  bool write_outgoing_at_once();
+  // A worker's frames other than data wait for its next data frame, or for this
+  // timer; any thread that writes takes them along.
+  void arm_flush_timer();
+  void handle_flush_timer();
+  // `writing` is true while a write is posted, under way or waiting for the timer.
+  void update_writing();
+  // The write posted by start_write.
+  void handle_posted_write();
   void handle_write(const boost::system::error_code& error);
   // Begins the TLS shutdown (close_notify); only with no write in progress.
   void start_tls_shutdown();
@@ -122,6 +135,8 @@ class CSpdyConnectionImpl : public CSpdyConnection,
   // while a write is under way would never be flushed.
   bool tls_shutdown_deferred = false;
   bool tls_shutdown_started = false;
+  boost::asio::steady_timer flush_timer;
+  bool flush_armed = false;
   std::atomic<int> socket_descriptor{-1};
   ResolveResults resolved;
   // The version exchange message being written.
