@@ -163,11 +163,16 @@ void CSpdyConnection::post_data(const boost::shared_ptr<CLogicalConnection>& log
                                 CNetworkBuffer* buffer) {
   boost::shared_ptr<CSpdyConnection> self = get_pointer();
   strand.run_or_post([self, logical, flags, buffer]() {
-    // Run by the worker itself, a frame with data (or the end of a segment) leaves
-    // from its thread at once; the bare FLAG_FIN behind it may wait.
-    self->write_at_once = CConnectionStrand::running_for_caller() && (buffer != nullptr || (flags & FLAG_FIN) == 0);
+    // Run by the worker itself, the end of a message (a segment's last frame) leaves
+    // from its thread at once; full frames of a long message are written from the
+    // I/O threads, which gather them, and the bare FLAG_FIN behind the last frame
+    // may wait.
+    const bool worker = CConnectionStrand::running_for_caller();
+    self->write_at_once = worker && (flags & FLAG_END_SEGMENT) != 0;
+    self->write_soon = worker && (flags & FLAG_END_SEGMENT) == 0 && buffer != nullptr;
     self->send_data(logical, flags, buffer);
     self->write_at_once = false;
+    self->write_soon = false;
   });
 }
 

@@ -190,6 +190,9 @@ class CSpdyConnection : public IPhysicalConnection {
   // Set while a worker's data frame is handled on the worker's own thread: the
   // write happens there at once instead of being posted.
   bool write_at_once = false;
+  // Set while a worker's full data frame is handled on its thread: the write is
+  // posted to the I/O threads at once rather than left for the worker's next frame.
+  bool write_soon = false;
   std::deque<PendingFrame> write_queue;
   std::atomic<bool> connecting{false};
   std::atomic<bool> connected{false};

@@ -622,7 +622,7 @@ void CSpdyConnectionImpl<Stream>::start_write() {
     return;
   }
   if (write_posted) return;
-  if (CConnectionStrand::running_for_caller()) {
+  if (CConnectionStrand::running_for_caller() && !write_soon) {
     if (flush_armed) return;
     // A worker's other frames (headers, window updates, the FLAG_FIN behind the
     // last data) wait for its next data frame, which takes them along, or for a
