@@ -219,11 +219,16 @@ bool SPDYRPCClientSession<Manager>::ExecuteRPC(unsigned short rpc, const Request
     call->Terminate();
     return false;
   }
-  call->Flush();
-  detail::RPCEventWithValue(module_id, RPC_EVENT_MARSHAL_REQUEST_END, APM_EVENT_END, call->GetTotalSent());
-  if (Kind == RPC_KIND_REQUEST_FILE && !SendRequestFile(*call, module_id, *request_file)) return false;
-  // The request side is closed before the response is awaited.
-  call->EndStream();
+  {
+    // The request's end, its file and the end of the stream leave in as few writes
+    // as they fit in.
+    SendBatch batch;
+    call->Flush();
+    detail::RPCEventWithValue(module_id, RPC_EVENT_MARSHAL_REQUEST_END, APM_EVENT_END, call->GetTotalSent());
+    if (Kind == RPC_KIND_REQUEST_FILE && !SendRequestFile(*call, module_id, *request_file)) return false;
+    // The request side is closed before the response is awaited.
+    call->EndStream();
+  }
 
   RPCConnectionHeaders headers;
   if (!call->ReadResponseHeaders(headers)) return false;

@@ -82,6 +82,25 @@ class ILogicalConnection {
   virtual boost::shared_ptr<IPhysicalConnection> get_physical_connection() = 0;
 };
 
+// While an object of this class lives on a thread, the data frames with which that
+// thread ends a segment wait for its next frame instead of leaving at once, so that
+// a message's end, an empty segment and the stream's FLAG_FIN go out in one write.
+// A frame with FLAG_FIN always leaves at once. Thread-local; objects may nest.
+class SendBatch {
+ public:
+  SendBatch() { ++depth(); }
+  ~SendBatch() { --depth(); }
+  SendBatch(const SendBatch&) = delete;
+  SendBatch& operator=(const SendBatch&) = delete;
+  static bool active() { return depth() != 0; }
+
+ private:
+  static int& depth() {
+    static thread_local int batches = 0;
+    return batches;
+  }
+};
+
 class IReceiveStream {
  public:
   virtual ~IReceiveStream() = default;

@@ -163,13 +163,15 @@ void CSpdyConnection::post_data(const boost::shared_ptr<CLogicalConnection>& log
                                 CNetworkBuffer* buffer) {
   boost::shared_ptr<CSpdyConnection> self = get_pointer();
   strand.run_or_post([self, logical, flags, buffer]() {
-    // Run by the worker itself, the end of a message (a segment's last frame) leaves
-    // from its thread at once; full frames of a long message are written from the
-    // I/O threads, which gather them, and the bare FLAG_FIN behind the last frame
-    // may wait.
+    // Run by the worker itself, the end of a message (a segment's last frame, unless
+    // a SendBatch holds it for what follows) and the end of the stream leave from its
+    // thread at once, with everything the worker queued before; full frames of a
+    // long message are written from the I/O threads, which gather them.
     const bool worker = CConnectionStrand::running_for_caller();
-    self->write_at_once = worker && (flags & FLAG_END_SEGMENT) != 0;
-    self->write_soon = worker && (flags & FLAG_END_SEGMENT) == 0 && buffer != nullptr;
+    const bool ends_stream = (flags & FLAG_FIN) != 0;
+    const bool ends_segment = (flags & FLAG_END_SEGMENT) != 0;
+    self->write_at_once = worker && (ends_stream || (ends_segment && !SendBatch::active()));
+    self->write_soon = worker && !ends_stream && !ends_segment && buffer != nullptr;
     self->send_data(logical, flags, buffer);
     self->write_at_once = false;
     self->write_soon = false;
@@ -193,7 +195,16 @@ void CSpdyConnection::post_terminate(uint32_t stream_id, uint32_t status) {
 
 void CSpdyConnection::post_window_update(const boost::shared_ptr<CLogicalConnection>& logical, uint32_t delta) {
   boost::shared_ptr<CSpdyConnection> self = get_pointer();
-  strand.run_or_post([self, logical, delta]() { self->send_window_update(logical->get_stream_id(), delta); });
+  strand.run_or_post([self, logical, delta]() {
+    // Run by the reading worker, an acknowledgement waits for the worker's next
+    // message, which takes it along, unless so much is held back that the peer's
+    // sender may soon wait for it.
+    self->held_acknowledgements += delta;
+    self->write_soon =
+        CConnectionStrand::running_for_caller() && self->held_acknowledgements >= kHeldAcknowledgementLimit;
+    self->send_window_update(logical->get_stream_id(), delta);
+    self->write_soon = false;
+  });
 }
 
 void CSpdyConnection::post_terminate(const boost::shared_ptr<CLogicalConnection>& logical, uint32_t status) {

@@ -193,6 +193,11 @@ class CSpdyConnection : public IPhysicalConnection {
   // Set while a worker's full data frame is handled on its thread: the write is
   // posted to the I/O threads at once rather than left for the worker's next frame.
   bool write_soon = false;
+  // Bytes acknowledged by window updates that wait in `outgoing` for a write.
+  uint64_t held_acknowledgements = 0;
+  // Held acknowledgements beyond this are written without waiting: far below a
+  // stream's window, so that a sender never waits for an acknowledgement held here.
+  static constexpr uint64_t kHeldAcknowledgementLimit = 65536;
   std::deque<PendingFrame> write_queue;
   std::atomic<bool> connecting{false};
   std::atomic<bool> connected{false};

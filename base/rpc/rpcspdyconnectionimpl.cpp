@@ -42,10 +42,9 @@ constexpr std::size_t kReceiveStagingSize = 32768;
 constexpr std::size_t kReceiveReadMinimum = 16384;
 // The most a worker writes on its own thread, in one TLS record.
 constexpr std::size_t kWriteAtOnceLimit = 16384;
-// The most bytes sent and not yet acknowledged that still let a worker write.
-constexpr int kWriteAtOnceBacklog = 65536;
-// How long a worker's frames may wait for its next data frame.
-constexpr std::chrono::microseconds kLazyFlushDelay(500);
+// How long a worker's frames may wait for its next message. Rare enough that the
+// timer's wake-ups cost nothing a busy connection would notice.
+constexpr std::chrono::milliseconds kLazyFlushDelay(10);
 
 std::string socket_address(int descriptor, bool peer) {
   if (descriptor < 0) return std::string();
@@ -87,6 +86,8 @@ CSpdyConnectionImpl<Stream>::CSpdyConnectionImpl(const boost::shared_ptr<CConnec
   // only on its first read, and the cipher lists would not restrict the suites).
   ssl_context.set_options(boost::asio::ssl::context::no_compression | boost::asio::ssl::context::no_sslv2 |
                           boost::asio::ssl::context::no_sslv3 | boost::asio::ssl::context::no_tlsv1_3);
+  // No renegotiation: a worker's write on its own thread must never have to read.
+  SSL_CTX_set_options(ssl_context.native_handle(), SSL_OP_NO_RENEGOTIATION);
 }
 
 template <class Stream>
@@ -660,18 +661,18 @@ template <class Stream>
 bool CSpdyConnectionImpl<Stream>::write_outgoing_at_once() {
   if (!socket || tls_shutdown_deferred || tls_shutdown_started) return false;
   if (outgoing.size() > kWriteAtOnceLimit) return false;
-  // Only when everything written before has been sent and little waits for its
-  // acknowledgement, so that the socket takes the bytes without blocking: a peer
-  // that does not read must never hold the worker and the strand.
+  // Only when the socket's send queue is empty (all written before has been
+  // acknowledged), so that the socket takes the bytes at once: a peer that does not
+  // read must never hold the worker and the strand.
   const int descriptor = socket->lowest_layer().native_handle();
-  int unsent = 0, unacknowledged = 0;
-  if (ioctl(descriptor, SIOCOUTQNSD, &unsent) != 0 || unsent != 0) return false;
-  if (ioctl(descriptor, SIOCOUTQ, &unacknowledged) != 0 || unacknowledged > kWriteAtOnceBacklog) return false;
+  int queued = 0;
+  if (ioctl(descriptor, SIOCOUTQ, &queued) != 0 || queued != 0) return false;
   // A write that completes on this thread: no completion is posted, so no I/O
   // thread wakes for it.
   boost::system::error_code error;
   boost::asio::write(*socket, boost::asio::buffer(outgoing), error);
   outgoing.clear();
+  held_acknowledgements = 0;
   if (error) {
     stop();
   } else if (!writing && closing && streams.empty()) {
@@ -732,6 +733,7 @@ void CSpdyConnectionImpl<Stream>::write_outgoing() {
   // gathers for the next.
   in_flight.swap(outgoing);
   outgoing.clear();
+  held_acknowledgements = 0;
   write_in_flight = true;
   writing = true;
   boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();

@@ -222,7 +222,11 @@ void CLogicalConnectionStream::Flush() {
 }
 
 void CLogicalConnectionStream::EndStream() {
-  Flush();
+  {
+    // The last data frame waits for FLAG_FIN: both leave in one write.
+    SendBatch batch;
+    Flush();
+  }
   connection->send_close();
 }
 
