@@ -36,15 +36,6 @@ using std::chrono::seconds;
 const char kNotImplementedCode[] = "2147500037";  // 0x80004005
 const char kNotImplemented[] = "not implemented";
 
-Bytes JsonRequestRecord() {
-  protocol::RPCCloudJsonRequest request;
-  request.target = 1;
-  request.user = "ann";
-  request.path = "v1/items";
-  request.method = "GET";
-  return EncodeRecord(request);
-}
-
 Bytes HttpRequestRecord() {
   protocol::RPCCloudHttpRequest request;
   request.target = 1;
@@ -283,12 +274,18 @@ TEST_F(DaemonRpcTest, UnknownNumberBadNumberOrMissingNumberIsResetWithStatus3) {
 // RPC 3600 with only the first field of its record, the u32 target.
 const Bytes kOnlyTheTarget = {7, 0, 0, 0};
 
-TEST_F(DaemonRpcTest, RequestRecordEndingEarlyIsResetWithStatus5) {
-  RawDaemonConnection connection(daemon.port);
+// Sends that short record on stream 1 of `connection` and reads what comes back on
+// the stream until it ends.
+void SendShortRecord(RawDaemonConnection& connection, StreamFrames& frames) {
   ASSERT_TRUE(connection.connected());
   ASSERT_TRUE(connection.SendRequest(1, "3600", kOnlyTheTarget));
-  StreamFrames frames;
   ASSERT_TRUE(connection.ReadStream(1, frames)) << Describe(frames);
+}
+
+TEST_F(DaemonRpcTest, RequestRecordEndingEarlyIsResetWithStatus5) {
+  RawDaemonConnection connection(daemon.port);
+  StreamFrames frames;
+  ASSERT_NO_FATAL_FAILURE(SendShortRecord(connection, frames));
   ASSERT_EQ(frames.size(), 1u) << "no response headers before the reset: " << Describe(frames);
   ASSERT_TRUE(frames[0].is_control(base::SPDY_RST_STREAM)) << Describe(frames);
   EXPECT_EQ(frames[0].word(1), base::SPDY_STATUS_CANCEL);
@@ -306,10 +303,8 @@ TEST_F(DaemonRpcTest, RequestRecordEndingEarlyIsResetWithStatus5) {
 // it, must not send response headers behind the RST_STREAM.
 TEST_F(DaemonRpcTest, NoResponseHeadersFollowTheResetOfAShortRecord) {
   RawDaemonConnection connection(daemon.port);
-  ASSERT_TRUE(connection.connected());
-  ASSERT_TRUE(connection.SendRequest(1, "3600", kOnlyTheTarget));
   StreamFrames frames;
-  ASSERT_TRUE(connection.ReadStream(1, frames)) << Describe(frames);
+  ASSERT_NO_FATAL_FAILURE(SendShortRecord(connection, frames));
   ASSERT_EQ(Describe(frames), "RST_STREAM(status 5)");
 
   // Nothing more for that stream, neither soon after nor by the time a later call on

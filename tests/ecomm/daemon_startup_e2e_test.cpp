@@ -14,7 +14,6 @@
 
 #include "base/rpc/certificatemgr.h"
 #include "base/sysfunctions.h"
-#include "protocol/rpccloud.h"
 #include "tests/support/daemonpeer.h"
 #include "tests/support/fakebytestream.h"
 #include "tests/support/runningdaemon.h"
@@ -58,15 +57,6 @@ int LevelOf(const RunningDaemon& daemon, const std::string& prefix) {
     if (entry.call == "syslog" && entry.text.compare(0, prefix.size(), prefix) == 0) return entry.level();
   }
   return -1;
-}
-
-// A complete request of RPC 3600, whose handler answers "not implemented" for now.
-Bytes JsonRequestRecord() {
-  protocol::RPCCloudJsonRequest request;
-  request.target = 1;
-  request.user = "ann";
-  request.method = "GET";
-  return EncodeRecord(request);
 }
 
 // True if a call of RPC 3600 on `port` reaches the handler and its error comes back.

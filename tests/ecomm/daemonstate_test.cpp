@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -152,6 +153,20 @@ TEST(Sighup, UnopenableFileKeepsTheOldTargets) {
     struct stat after = {};
     ASSERT_EQ(fstat(STDERR_FILENO, &after), 0);
     EXPECT_EQ(before.st_ino, after.st_ino);
+  });
+  processOutFile = nullptr;
+}
+
+TEST(Sighup, KeepsTheErrnoOfTheInterruptedCode) {
+  test::PrivateRoot root;
+  std::string pathStore = root.Path("/missing/dir/out.log");
+  processOutFile = &pathStore[0];
+  WithSavedStandardStreams([&] {
+    // The failing open inside the handler sets errno; the code the signal
+    // interrupted must still see its own.
+    errno = 4242;
+    sighuphandler(SIGHUP);
+    EXPECT_EQ(errno, 4242);
   });
   processOutFile = nullptr;
 }

@@ -6,9 +6,19 @@
 #include "base/famerror.h"
 #include "base/rootpath.h"
 #include "base/rpc/rpcstreamconnection.h"
+#include "protocol/rpccloud.h"
 
 namespace apm {
 namespace test {
+
+Bytes JsonRequestRecord() {
+  protocol::RPCCloudJsonRequest request;
+  request.target = 1;
+  request.user = "ann";
+  request.path = "v1/items";
+  request.method = "GET";
+  return EncodeRecord(request);
+}
 
 namespace {
 

@@ -40,6 +40,10 @@ const TestIdentity& MainServerIdentity();
 // making its folder if needed.
 void TrustAtDaemon(const TestIdentity& identity);
 
+// A complete request record of RPC 3600 (target 1, user "ann", GET "v1/items"),
+// for tests that need any well-formed call to reach its handler.
+Bytes JsonRequestRecord();
+
 // What one call got back.
 struct PeerReply {
   // Whether the daemon answered with response headers (SYN_REPLY), and which.

@@ -30,6 +30,18 @@ using test::RpcTestEnvironment;
 
 typedef boost::shared_ptr<CLogicalConnectionStream> StreamPtr;
 
+// A handler's wait until its connection is closing (the peer's GOAWAY came in).
+void WaitUntilClosing(const StreamPtr& stream) {
+  while (!stream->is_connection_closing()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+}
+
+// A handler's answer: empty response headers and the record "done".
+void AnswerDone(const StreamPtr& stream) {
+  RPCConnectionHeaders headers;
+  stream->SendResponseHeaders(headers);
+  stream->Write("done", 4);
+}
+
 // A one-shot signal between a handler thread and the test.
 class Latch {
  public:
@@ -541,12 +553,10 @@ TEST_F(RawClientTest, GoawayOfFourBytesTellsStreamsButNotTheFactoryUntilTheStop)
   Latch& closing_seen = first_latch;
   Latch& finish = second_latch;
   environment.server_factory.SetHandler([&](const StreamPtr& stream, const RPCConnectionHeaders&) {
-    while (!stream->is_connection_closing()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    WaitUntilClosing(stream);
     closing_seen.Open();
     finish.Wait();
-    RPCConnectionHeaders headers;
-    stream->SendResponseHeaders(headers);
-    stream->Write("done", 4);
+    AnswerDone(stream);
   });
   StartAndHandshake();
   OpenStream(1);
@@ -577,10 +587,8 @@ TEST_F(RawClientTest, GoawayOfFourBytesTellsStreamsButNotTheFactoryUntilTheStop)
 
 TEST_F(RawClientTest, ClosingConnectionStopsWhenThePeersFinEndsItsLastStream) {
   environment.server_factory.SetHandler([&](const StreamPtr& stream, const RPCConnectionHeaders&) {
-    while (!stream->is_connection_closing()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    RPCConnectionHeaders headers;
-    stream->SendResponseHeaders(headers);
-    stream->Write("done", 4);
+    WaitUntilClosing(stream);
+    AnswerDone(stream);
   });
   StartAndHandshake();
   OpenStream(1);
