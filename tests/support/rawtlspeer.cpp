@@ -119,6 +119,22 @@ bool RawTlsPeer::Read(uint8_t* destination, size_t size) {
   return true;
 }
 
+bool RawTlsPeer::ReadRecord(std::vector<uint8_t>& bytes) {
+  timed_out_ = false;
+  // A record carries at most 16 KiB of plaintext, and SSL_read never returns more
+  // than one record holds.
+  bytes.assign(16384, 0);
+  errno = 0;
+  int count = ssl_ != nullptr ? SSL_read(ssl_, bytes.data(), static_cast<int>(bytes.size())) : -1;
+  if (count <= 0) {
+    timed_out_ = errno == EAGAIN || errno == EWOULDBLOCK;
+    bytes.clear();
+    return false;
+  }
+  bytes.resize(static_cast<size_t>(count));
+  return true;
+}
+
 bool RawTlsPeer::WaitForEnd() {
   uint8_t scratch[4096];
   for (;;) {

@@ -51,6 +51,9 @@ class RawTlsPeer {
 
   bool Write(const std::vector<uint8_t>& bytes);
   bool Read(uint8_t* destination, size_t size);
+  // Reads the plaintext of one TLS record (one SSL_read), in place of `bytes`; shows
+  // which frames the other side wrote together. TLS only.
+  bool ReadRecord(std::vector<uint8_t>& bytes);
   // Reads until the connection ends (true) or the time-out strikes (false).
   bool WaitForEnd();
   // Closes TLS (close_notify) and the socket.
