@@ -181,14 +181,15 @@ class CSpdyConnection : public IPhysicalConnection {
   uint32_t next_stream_id = 1;
   uint32_t last_ping_id = 1;
   CNetworkBuffer* read_buffer = nullptr;
-  // A frame is on its way to the socket: a write is posted or under way.
+  // A frame is on its way to the socket: a write is posted or under way, or held
+  // frames wait for the flush timer.
   bool writing = false;
-  // The two halves of `writing`: write_outgoing is posted and has not run yet, and
+  // Two of the parts of `writing`: write_outgoing is posted and has not run yet, and
   // the socket's write is under way.
   bool write_posted = false;
   bool write_in_flight = false;
-  // Set while a worker's data frame is handled on the worker's own thread: the
-  // write happens there at once instead of being posted.
+  // Set while a worker's message end or stream end is handled on the worker's own
+  // thread: the write happens there at once instead of being posted.
   bool write_at_once = false;
   // Set while a worker's full data frame is handled on its thread: the write is
   // posted to the I/O threads at once rather than left for the worker's next frame.
