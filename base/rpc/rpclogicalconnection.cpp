@@ -126,6 +126,7 @@ void CLogicalConnection::recv_terminated(unsigned int status, const std::string&
     send_open.store(false, std::memory_order_release);
     receive_open.store(false, std::memory_order_release);
     wake = stream && sender_waiting;
+    if (wake) sender_waiting = false;
   }
   if (wake) condition.WakeupAll();
   if (stream) stream->recv_terminated(status, text);
@@ -138,9 +139,12 @@ void CLogicalConnection::acknowledge(uint32_t delta) {
   {
     ConditionVariable::ScopedLock lock(condition);
     bytes_acknowledged += delta;
-    wake = sender_waiting;
+    // Only when the waiting sender may go on, and once per wait: the acknowledgements
+    // that follow before it runs need no call.
+    wake = sender_waiting && bytes_sent <= bytes_acknowledged + kOutstandingLimit;
+    if (wake) sender_waiting = false;
   }
-  // Outside the mutex, and only when the sender waits on the window.
+  // Outside the mutex.
   if (wake) condition.WakeupAll();
 }
 
