@@ -19,8 +19,10 @@
 // received headers and the error; read_buffer, write_buffer and the totals belong
 // to the worker.
 //
-// CLogicalConnectionStreamWriter receives whole buffers from Read(writer);
-// FileWriter writes them to a file.
+// CLogicalConnectionStreamWriter receives whole buffers from Read(writer), a run
+// of everything queued at a time; FileWriter writes each run to a file with one
+// gathering write, so that a received file costs a system call per run, not per
+// frame.
 #pragma once
 
 #include <boost/noncopyable.hpp>
