@@ -4,7 +4,10 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <vector>
 
 #include "base/apmmodule.h"
 #include "base/thread.h"
@@ -108,6 +111,39 @@ bool _File<traits>::Write(const void* data, size_t size) {
     }
     next += count;
     size -= static_cast<size_t>(count);
+  }
+  return true;
+}
+
+template <class traits>
+bool _File<traits>::Write(const iovec* pieces, int count) {
+  size_t size = 0;
+  for (int index = 0; index < count; ++index) size += pieces[index].iov_len;
+  SendTransferEvent(traits::Module(), kEventWrite, descriptor_, size);
+  // After a short write the rest goes on from a copy of the list, advanced past
+  // what has been written.
+  std::vector<iovec> rest;
+  while (count > 0) {
+    const ssize_t result = ::writev(descriptor_, pieces, std::min(count, IOV_MAX));
+    if (result < 0) {
+      if (errno == EINTR) continue;
+      _FamError<traits>::SetLastError();
+      return false;
+    }
+    size_t written = static_cast<size_t>(result);
+    while (count > 0 && written >= pieces->iov_len) {
+      written -= pieces->iov_len;
+      ++pieces;
+      --count;
+    }
+    if (count == 0) break;
+    if (rest.empty()) {
+      rest.assign(pieces, pieces + count);
+      pieces = rest.data();
+    }
+    iovec& first = rest[static_cast<size_t>(pieces - rest.data())];
+    first.iov_base = static_cast<char*>(first.iov_base) + written;
+    first.iov_len -= written;
   }
   return true;
 }

@@ -9,6 +9,8 @@
 // Not thread-safe: one thread uses a _File at a time.
 #pragma once
 
+#include <sys/uio.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -41,6 +43,9 @@ class _File {
   bool Read(void* buffer, size_t size, size_t& read);
   // Writes all `size` bytes.
   bool Write(const void* data, size_t size);
+  // Writes all bytes of the `count` pieces, in order, with as few system calls as
+  // the kernel allows (one, usually); one write event carries the total size.
+  bool Write(const iovec* pieces, int count);
   // Removes the file at `path`.
   static bool Remove(const std::string& path);
 

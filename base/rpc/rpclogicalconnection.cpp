@@ -44,21 +44,34 @@ void CLogicalConnection::send_data(CNetworkBuffer* buffer, bool end_of_segment) 
     physical->post_syn_reply(shared_from_this(), 0, RPCConnectionHeaders());
   }
   if (buffer != nullptr && buffer->length != 0) {
-    ConditionVariable::ScopedLock lock(condition);
-    // Compared without subtracting: a peer that acknowledges more than was sent must
-    // not make the outstanding count wrap around and hold this worker for good.
-    while (is_send_open() && bytes_sent > bytes_acknowledged + kOutstandingLimit) {
-      sender_waiting = true;
-      condition.Wait();
-      sender_waiting = false;
-    }
-    bytes_sent += buffer->length;
+    if (window_closed()) wait_for_window();
+    // Written by this thread only.
+    bytes_sent.store(bytes_sent.load(std::memory_order_relaxed) + buffer->length, std::memory_order_seq_cst);
   }
   if (!is_send_open()) {
     CNetworkBuffer::Free(buffer);
     return;
   }
   physical->post_data(shared_from_this(), end_of_segment ? FLAG_END_SEGMENT : 0, buffer);
+}
+
+bool CLogicalConnection::window_closed() const {
+  // Compared without subtracting: a peer that acknowledges more than was sent must
+  // not make the outstanding count wrap around and hold this worker for good.
+  return is_send_open() && bytes_sent.load(std::memory_order_relaxed) >
+                               bytes_acknowledged.load(std::memory_order_seq_cst) + kOutstandingLimit;
+}
+
+void CLogicalConnection::wait_for_window() {
+  ConditionVariable::ScopedLock lock(condition);
+  for (;;) {
+    // Announced before the window is looked at again: an acknowledgement either
+    // comes early enough to be seen here, or it sees the flag and wakes this thread.
+    sender_waiting.store(true, std::memory_order_seq_cst);
+    if (!window_closed()) break;
+    condition.Wait();
+  }
+  sender_waiting.store(false, std::memory_order_relaxed);
 }
 
 void CLogicalConnection::send_headers(const RPCConnectionHeaders& headers) {
@@ -125,7 +138,8 @@ void CLogicalConnection::recv_terminated(unsigned int status, const std::string&
     ConditionVariable::ScopedLock lock(condition);
     send_open.store(false, std::memory_order_release);
     receive_open.store(false, std::memory_order_release);
-    wake = stream && sender_waiting;
+    wake = stream && sender_waiting.load(std::memory_order_relaxed);
+    if (wake) sender_waiting.store(false, std::memory_order_relaxed);
   }
   if (wake) condition.WakeupAll();
   if (stream) stream->recv_terminated(status, text);
@@ -134,13 +148,18 @@ void CLogicalConnection::recv_terminated(unsigned int status, const std::string&
 void CLogicalConnection::assign_stream_id(uint32_t id) { stream_id.store(id, std::memory_order_release); }
 
 void CLogicalConnection::acknowledge(uint32_t delta) {
+  bytes_acknowledged.fetch_add(delta, std::memory_order_seq_cst);
+  // The mutex only when the sender waits on the window.
+  if (!sender_waiting.load(std::memory_order_seq_cst)) return;
   bool wake;
   {
     ConditionVariable::ScopedLock lock(condition);
-    bytes_acknowledged += delta;
-    wake = sender_waiting;
+    // Only when the waiting sender may go on, and once per wait: the acknowledgements
+    // that follow before it runs need no call.
+    wake = sender_waiting.load(std::memory_order_relaxed) && !window_closed();
+    if (wake) sender_waiting.store(false, std::memory_order_relaxed);
   }
-  // Outside the mutex, and only when the sender waits on the window.
+  // Outside the mutex.
   if (wake) condition.WakeupAll();
 }
 

@@ -13,9 +13,12 @@
 // strand and never blocks. The stream id is assigned on the strand before any frame
 // of the stream is handled there (a new stream's id is the first thing posted), and
 // the worker's frames name their stream through this object, read on the strand: so
-// the worker never waits for the id. `condition` guards the byte counts; the open
-// flags are written on the strand and read anywhere without a lock (a stale read
-// costs at most one posted frame, which the strand then discards).
+// the worker never waits for the id. The byte counts are atomic, each written by one
+// side (bytes_sent by the worker, bytes_acknowledged on the strand), so a frame
+// within the window costs no lock; `condition` is taken only by a sender that waits
+// on the window and by whoever wakes it. The open flags are written on the strand
+// and read anywhere without a lock (a stale read costs at most one posted frame,
+// which the strand then discards).
 #pragma once
 
 #include <boost/enable_shared_from_this.hpp>
@@ -89,6 +92,10 @@ class CLogicalConnection : public ILogicalConnection,
 
  private:
   explicit CLogicalConnection(const boost::shared_ptr<CSpdyConnection>& physical);
+  // More than the window is outstanding and sending is open: the next frame waits.
+  bool window_closed() const;
+  // Blocks until the window lets a frame go or sending closes.
+  void wait_for_window();
 
   boost::shared_ptr<CSpdyConnection> physical;
   boost::weak_ptr<IReceiveStream> receive_stream;
@@ -98,11 +105,12 @@ class CLogicalConnection : public ILogicalConnection,
   unsigned int priority = 7;
   std::atomic<bool> receive_open{true};
   std::atomic<bool> send_open{true};
-  uint64_t bytes_sent = 0;
-  uint64_t bytes_acknowledged = 0;
-  // The worker waits in send_data; the engine wakes it only then. Guarded by the
-  // mutex of `condition`, as are the byte counts.
-  bool sender_waiting = false;
+  std::atomic<uint64_t> bytes_sent{0};
+  std::atomic<uint64_t> bytes_acknowledged{0};
+  // The worker waits in send_data; the engine wakes it only then. Set under the
+  // mutex of `condition` before the sender looks at the window a last time and
+  // waits; read by the engine after it has added to bytes_acknowledged.
+  std::atomic<bool> sender_waiting{false};
   ConditionVariable condition;
 };
 

@@ -20,8 +20,30 @@ constexpr uint64_t kReaderWakeLimit = 65536;
 
 }  // namespace
 
+bool CLogicalConnectionStreamWriter::WriteBuffers(const CNetworkBuffer* const* buffers, size_t count) {
+  for (size_t index = 0; index < count; ++index) {
+    if (!Write(buffers[index])) return false;
+  }
+  return true;
+}
+
 bool FileWriter::Write(const CNetworkBuffer* buffer) {
   return file.Write(buffer->data, static_cast<size_t>(buffer->length));
+}
+
+bool FileWriter::WriteBuffers(const CNetworkBuffer* const* buffers, size_t count) {
+  iovec pieces[CLogicalConnectionStream::kMaxRunBuffers];
+  while (count > 0) {
+    const size_t taken = std::min(count, CLogicalConnectionStream::kMaxRunBuffers);
+    for (size_t index = 0; index < taken; ++index) {
+      pieces[index].iov_base = const_cast<uint8_t*>(buffers[index]->data);
+      pieces[index].iov_len = static_cast<size_t>(buffers[index]->length);
+    }
+    if (!file.Write(pieces, static_cast<int>(taken))) return false;
+    buffers += taken;
+    count -= taken;
+  }
+  return true;
 }
 
 boost::shared_ptr<CLogicalConnectionStream> CLogicalConnectionStream::create(
@@ -60,6 +82,7 @@ CLogicalConnectionStream::~CLogicalConnectionStream() {
     receive_open = false;
     unread.swap(receive_queue);
     queued_bytes = 0;
+    queued_marks = 0;
   }
   // Released through the connection, so that the peer's window opens for data
   // nobody read.
@@ -68,7 +91,7 @@ CLogicalConnectionStream::~CLogicalConnectionStream() {
 }
 
 void CLogicalConnectionStream::WaitForChange(uint64_t wanted) {
-  wake_bytes = std::min(std::max<uint64_t>(wanted, 1), kReaderWakeLimit);
+  wake_bytes = std::max<uint64_t>(wanted, 1);
   reader_waiting = true;
   condition.Wait();
   reader_waiting = false;
@@ -122,11 +145,49 @@ bool CLogicalConnectionStream::WaitNextBuffer(uint64_t wanted) {
         ended = true;
         break;
       }
-      WaitForChange(wanted);
+      WaitForChange(std::min(wanted, kReaderWakeLimit));
     }
   }
   if (ended) report_stream_error();
   return false;
+}
+
+size_t CLogicalConnectionStream::TakeRun(const CNetworkBuffer** run) {
+  size_t count = 0;
+  if (read_buffer != nullptr) {
+    // Handed over whole, whatever a Read has taken from it already.
+    run[count++] = read_buffer;
+    read_buffer = nullptr;
+  }
+  bool ended = false;
+  {
+    ConditionVariable::ScopedLock lock(condition);
+    for (;;) {
+      // Enough for a run, or nothing more will come before the run's end.
+      if (count != 0 || queued_bytes >= kRunWakeBytes || queued_marks != 0 || !open || !receive_open) {
+        while (!receive_queue.empty() && count < kMaxRunBuffers) {
+          ReceivedBuffer& head = receive_queue.front();
+          if (head.buffer != nullptr) {
+            queued_bytes -= head.buffer->length;
+            run[count++] = head.buffer;
+            head.buffer = nullptr;
+          }
+          // The end of the segment: the mark stays until NextSegment.
+          if (head.end_of_segment) break;
+          receive_queue.pop_front();  // an empty frame without a mark carries nothing
+        }
+        if (count != 0) return count;
+        if (!receive_queue.empty()) return 0;  // at the mark
+        if (!open || !receive_open) {
+          ended = true;
+          break;
+        }
+      }
+      WaitForChange(kRunWakeBytes);
+    }
+  }
+  if (ended) report_stream_error();
+  return 0;
 }
 
 bool CLogicalConnectionStream::Read(void* destination, unsigned long size) {
@@ -151,10 +212,14 @@ bool CLogicalConnectionStream::Read(void* destination, unsigned long size) {
 }
 
 bool CLogicalConnectionStream::Read(CLogicalConnectionStreamWriter& writer) {
-  while (WaitNextBuffer()) {
-    const bool written = writer.Write(read_buffer);
-    total_received += read_buffer->length;
-    release_read_buffer();
+  const CNetworkBuffer* run[kMaxRunBuffers];
+  while (const size_t count = TakeRun(run)) {
+    const bool written = writer.WriteBuffers(run, count);
+    // Releasing the buffers is what opens the peer's window.
+    for (size_t index = 0; index < count; ++index) {
+      total_received += run[index]->length;
+      connection->free_buffer(run[index]);
+    }
     if (!written) return false;
   }
   ConditionVariable::ScopedLock lock(condition);
@@ -178,6 +243,7 @@ void CLogicalConnectionStream::NextSegment() {
     ReceivedBuffer head = receive_queue.front();
     receive_queue.pop_front();
     if (head.buffer != nullptr) queued_bytes -= head.buffer->length;
+    if (head.end_of_segment) --queued_marks;
     // free_buffer only posts, so it is safe under this mutex.
     if (head.buffer != nullptr) connection->free_buffer(head.buffer);
     if (head.end_of_segment) return;
@@ -291,7 +357,10 @@ void CLogicalConnectionStream::recv_data(const CNetworkBuffer* buffer, bool end_
     ConditionVariable::ScopedLock lock(condition);
     receive_queue.push_back(ReceivedBuffer{buffer, end_of_segment});
     if (buffer != nullptr) queued_bytes += buffer->length;
+    if (end_of_segment) ++queued_marks;
     wake = reader_waiting && (end_of_segment || buffer == nullptr || queued_bytes >= wake_bytes);
+    // Signalled once per wait: further arrivals before the reader runs need no call.
+    if (wake) reader_waiting = false;
   }
   if (wake) condition.Wakeup();
 }
@@ -302,6 +371,7 @@ void CLogicalConnectionStream::recv_closed() {
     ConditionVariable::ScopedLock lock(condition);
     receive_open = false;
     wake = reader_waiting;
+    reader_waiting = false;
   }
   if (wake) condition.Wakeup();
 }
@@ -312,6 +382,7 @@ void CLogicalConnectionStream::recv_connection_closing() {
     ConditionVariable::ScopedLock lock(condition);
     connection_closing = true;
     wake = reader_waiting;
+    reader_waiting = false;
   }
   if (wake) condition.Wakeup();
 }
@@ -324,6 +395,7 @@ void CLogicalConnectionStream::recv_terminated(unsigned int status, const std::s
     error_code = status;
     error_text = text;
     wake = reader_waiting;
+    reader_waiting = false;
   }
   if (wake) condition.Wakeup();
 }
@@ -335,6 +407,7 @@ void CLogicalConnectionStream::recv_headers(RPCConnectionHeaders& headers) {
     received_headers = headers;
     headers_received = true;
     wake = reader_waiting;
+    reader_waiting = false;
   }
   if (wake) condition.Wakeup();
 }

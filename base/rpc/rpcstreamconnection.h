@@ -19,8 +19,10 @@
 // received headers and the error; read_buffer, write_buffer and the totals belong
 // to the worker.
 //
-// CLogicalConnectionStreamWriter receives whole buffers from Read(writer);
-// FileWriter writes them to a file.
+// CLogicalConnectionStreamWriter receives whole buffers from Read(writer), a run
+// of everything queued at a time; FileWriter writes each run to a file with one
+// gathering write, so that a received file costs a system call per run, not per
+// frame.
 #pragma once
 
 #include <boost/noncopyable.hpp>
@@ -42,13 +44,19 @@ class CLogicalConnectionStreamWriter {
   virtual ~CLogicalConnectionStreamWriter() = default;
   // Takes the bytes of one received buffer; false stops the reading.
   virtual bool Write(const CNetworkBuffer* buffer) = 0;
+  // Takes the bytes of `count` received buffers, in order, as Read(writer) hands
+  // over everything queued at once; false stops the reading. By default each
+  // buffer goes to Write in turn.
+  virtual bool WriteBuffers(const CNetworkBuffer* const* buffers, size_t count);
 };
 
-// Writes each buffer to `file` with one write; true if all its bytes were written.
+// Writes received buffers to `file`: one buffer with one write, the buffers handed
+// over together with one gathering write; true if all their bytes were written.
 class FileWriter : public CLogicalConnectionStreamWriter {
  public:
   explicit FileWriter(File& file) : file(file) {}
   bool Write(const CNetworkBuffer* buffer) override;
+  bool WriteBuffers(const CNetworkBuffer* const* buffers, size_t count) override;
 
  private:
   File& file;
@@ -71,6 +79,11 @@ class CLogicalConnectionStream : public IReceiveStream, private boost::noncopyab
   // Hands every buffer up to the end of the segment to `writer`, whole. The result
   // at the end: true at a segment end, or when the peer has closed or terminated
   // its side (a terminated stream thus ends with true and the error on the record).
+  // The buffers go over in runs (WriteBuffers): the reader waits until a run of
+  // kRunWakeBytes has queued, or the segment's end or the stream's end has come,
+  // and takes everything queued up to the end of the segment, at most
+  // kMaxRunBuffers; the run's buffers are released, and so acknowledged to the
+  // peer, once the writer has taken them.
   bool Read(CLogicalConnectionStreamWriter& writer);
   bool ReadFile(File& file);
   // Copies into network buffers and sends each one when it is full; may block on
@@ -86,6 +99,12 @@ class CLogicalConnectionStream : public IReceiveStream, private boost::noncopyab
   void NextSegment();
   // Makes read_buffer valid; false at a segment end or the end of the stream.
   bool WaitNextBuffer();
+
+  // Read(writer) waits for this many queued bytes before it hands a run over: a
+  // small part of a stream's window, so the peer can always send that much.
+  static constexpr uint64_t kRunWakeBytes = 262144;
+  // The most buffers one run hands over.
+  static constexpr size_t kMaxRunBuffers = 128;
 
   // Request headers (connecting side): the first opens the stream with SYN_STREAM.
   // The caller's instrumentation context travels under key 100 if there is one.
@@ -125,10 +144,16 @@ class CLogicalConnectionStream : public IReceiveStream, private boost::noncopyab
   void report_stream_error();
   // WaitNextBuffer for a reader that still needs `wanted` bytes.
   bool WaitNextBuffer(uint64_t wanted);
+  // The run of Read(writer): read_buffer if set, then the buffers queued up to the
+  // segment's end mark, at most kMaxRunBuffers, into `run`, and their count. Waits
+  // while less than kRunWakeBytes is queued and neither a mark nor the stream's
+  // end has come. 0 at a segment end or the end of the stream, with the stream's
+  // error on the thread's record after the end.
+  size_t TakeRun(const CNetworkBuffer** run);
   // The reader's wait on `condition`, with the mutex held; marks the reader as
-  // waiting, so that the engine signals only then. A reader that needs `wanted`
-  // bytes is woken by data only when that many are queued (at most
-  // kReaderWakeLimit), by anything else at once.
+  // waiting, so that the engine signals only then. A reader that waits for
+  // `wanted` bytes is woken by data only when that many are queued, by anything
+  // else at once.
   void WaitForChange(uint64_t wanted = 1);
   void release_read_buffer();
 
@@ -146,6 +171,7 @@ class CLogicalConnectionStream : public IReceiveStream, private boost::noncopyab
   bool receive_open = true;
   bool reader_waiting = false;  // guarded
   uint64_t queued_bytes = 0;     // guarded: the bytes of the buffers in receive_queue
+  size_t queued_marks = 0;       // guarded: the entries of receive_queue with end_of_segment
   uint64_t wake_bytes = 1;       // guarded: queued bytes that wake the waiting reader
   uint64_t total_received = 0;
   unsigned int error_code = 0;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -197,6 +198,46 @@ TEST(File, WriteThenReadBack) {
   EXPECT_EQ(back, content);
 }
 
+TEST(File, GatheredWriteWritesThePiecesInOrder) {
+  test::PrivateRoot root;
+  File file;
+  ASSERT_TRUE(file.Open(root.Path("/tmp/gathered"), O_RDWR | O_CREAT | O_TRUNC, 0600));
+  char first[] = "first,";
+  char empty[] = "";
+  char second[] = "second";
+  const iovec pieces[] = {{first, 6}, {empty, 0}, {second, 6}};
+  ASSERT_TRUE(file.Write(pieces, 3));
+  ASSERT_TRUE(file.Close());
+  EXPECT_EQ(root.ReadFile("/tmp/gathered"), "first,second");
+}
+
+// More pieces than one system call takes (IOV_MAX, 1024 on Linux) go out in turn.
+TEST(File, GatheredWriteOfMorePiecesThanOneCallTakes) {
+  test::PrivateRoot root;
+  File file;
+  ASSERT_TRUE(file.Open(root.Path("/tmp/gathered"), O_RDWR | O_CREAT | O_TRUNC, 0600));
+  std::string expected;
+  std::vector<std::string> texts;
+  for (int index = 0; index < 2500; ++index) texts.push_back(std::to_string(index) + ";");
+  std::vector<iovec> pieces;
+  for (std::string& text : texts) {
+    pieces.push_back(iovec{&text[0], text.size()});
+    expected += text;
+  }
+  ASSERT_TRUE(file.Write(pieces.data(), static_cast<int>(pieces.size())));
+  ASSERT_TRUE(file.Close());
+  EXPECT_EQ(root.ReadFile("/tmp/gathered"), expected);
+}
+
+TEST(File, GatheredWriteOnClosedFileFails) {
+  File file;
+  FamError record(true);
+  char byte = 0;
+  const iovec piece{&byte, 1};
+  EXPECT_FALSE(file.Write(&piece, 1));
+  EXPECT_EQ(record.code, E_SYSTEM_BASE + EBADF);
+}
+
 TEST(File, OpenOfMissingFileFailsWithSystemError) {
   test::PrivateRoot root;
   File file;
@@ -288,6 +329,24 @@ TEST(File, OperationsAreAnnouncedToTheOperatingSystemModule) {
     ASSERT_EQ(events.size(), 7u);
     EXPECT_EQ(events[5].arguments, (std::vector<std::string>{"101", "5", "60", "0", path}));
     EXPECT_EQ(events[6].arguments, (std::vector<std::string>{"101", "2", "60", "0", path}));
+  });
+}
+
+TEST(File, GatheredWriteIsAnnouncedOnceWithTheTotalSize) {
+  test::RunWithSdk(test::SdkVariant::Full, [] {
+    test::PrivateRoot root;
+    File file;
+    ASSERT_TRUE(file.Open(root.Path("/tmp/gathered"), O_RDWR | O_CREAT | O_TRUNC, 0600));
+    const uint64_t descriptor = static_cast<uint64_t>(file.GetDescriptor());
+    char first[] = "abc";
+    char second[] = "defgh";
+    const iovec pieces[] = {{first, 3}, {second, 5}};
+    const size_t before = FileEvents().size();
+    ASSERT_TRUE(file.Write(pieces, 2));
+    std::vector<test::SdkCall> events = FileEvents();
+    ASSERT_EQ(events.size(), before + 1);
+    EXPECT_EQ(events.back().arguments, (std::vector<std::string>{"101", "4", "70", "0", "2", "2,2",
+                                                                 HexOf({descriptor, 8}), "16"}));
   });
 }
 

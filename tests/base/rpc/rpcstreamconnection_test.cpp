@@ -9,8 +9,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -389,6 +391,191 @@ TEST_F(StreamFileTest, FailedFileWriteEndsReadFileWithFalse) {
   stream->recv_data(BufferOf("data"), true);
   ASSERT_TRUE(file.Open(root.Path("/tmp/readonly"), O_RDONLY | O_CREAT, 0600));
   EXPECT_FALSE(stream->ReadFile(file));
+}
+
+// Records the runs that Read(writer) hands over, and how many buffers the
+// connection had been told were released at each run.
+class RunRecorder : public CLogicalConnectionStreamWriter {
+ public:
+  explicit RunRecorder(RecordingConnection& connection) : connection(connection) {}
+
+  bool Write(const CNetworkBuffer* buffer) override {
+    std::lock_guard<std::mutex> lock(mutex);
+    singles.emplace_back(reinterpret_cast<const char*>(buffer->data), static_cast<size_t>(buffer->length));
+    return result;
+  }
+  bool WriteBuffers(const CNetworkBuffer* const* buffers, size_t count) override {
+    std::vector<std::string> run;
+    for (size_t index = 0; index < count; ++index) {
+      run.emplace_back(reinterpret_cast<const char*>(buffers[index]->data), static_cast<size_t>(buffers[index]->length));
+    }
+    size_t released;
+    {
+      std::lock_guard<std::mutex> lock(connection.mutex);
+      released = connection.acknowledged.size();
+    }
+    std::lock_guard<std::mutex> lock(mutex);
+    runs.push_back(run);
+    released_before_run.push_back(released);
+    changed.notify_all();
+    return result;
+  }
+  // Waits up to 10 seconds until `count` runs have come.
+  bool WaitForRuns(size_t count) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, std::chrono::seconds(10), [&]() { return runs.size() >= count; });
+  }
+  size_t RunCount() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return runs.size();
+  }
+
+  RecordingConnection& connection;
+  std::mutex mutex;
+  std::condition_variable changed;
+  std::vector<std::vector<std::string>> runs;
+  std::vector<size_t> released_before_run;
+  std::vector<std::string> singles;
+  bool result = true;
+};
+
+// A writer that takes buffers only one at a time.
+class SingleBufferWriter : public CLogicalConnectionStreamWriter {
+ public:
+  bool Write(const CNetworkBuffer* buffer) override {
+    texts.emplace_back(reinterpret_cast<const char*>(buffer->data), static_cast<size_t>(buffer->length));
+    return true;
+  }
+  std::vector<std::string> texts;
+};
+
+CNetworkBuffer* FullBuffer(char fill) {
+  CNetworkBuffer* buffer = CNetworkBuffer::Allocate();
+  std::memset(buffer->data, fill, CNetworkBuffer::CAPACITY);
+  buffer->length = CNetworkBuffer::CAPACITY;
+  return buffer;
+}
+
+TEST_F(StreamTest, ReadHandsEverythingQueuedOverInOneRunAndReleasesItAfterwards) {
+  stream->recv_data(BufferOf("ab"), false);
+  stream->recv_data(nullptr, false);
+  stream->recv_data(BufferOf("cd"), false);
+  stream->recv_data(BufferOf("e"), true);
+  stream->recv_data(BufferOf("next"), true);
+  RunRecorder writer(*connection);
+  EXPECT_TRUE(stream->Read(writer));
+  ASSERT_EQ(1u, writer.runs.size());
+  EXPECT_EQ((std::vector<std::string>{"ab", "cd", "e"}), writer.runs[0]);
+  EXPECT_EQ(0u, writer.released_before_run[0]);
+  EXPECT_EQ((std::vector<uint64_t>{2, 2, 1}), connection->acknowledged);
+  EXPECT_EQ(5u, stream->GetTotalReceived());
+  // The mark stays until NextSegment.
+  EXPECT_TRUE(stream->Read(writer));
+  EXPECT_EQ(1u, writer.runs.size());
+  stream->NextSegment();
+  EXPECT_EQ("next", ReadString(4));
+}
+
+TEST_F(StreamTest, ReadHandsAPartlyReadBufferOverWholeAtTheHeadOfTheRun) {
+  stream->recv_data(BufferOf("abcd"), false);
+  stream->recv_data(BufferOf("ef"), true);
+  EXPECT_EQ("ab", ReadString(2));
+  RunRecorder writer(*connection);
+  EXPECT_TRUE(stream->Read(writer));
+  ASSERT_EQ(1u, writer.runs.size());
+  EXPECT_EQ((std::vector<std::string>{"abcd", "ef"}), writer.runs[0]);
+}
+
+TEST_F(StreamTest, ReaderOfRunsWaitsUntilTheSegmentEndsWhenLittleIsQueued) {
+  RunRecorder writer(*connection);
+  bool result = false;
+  std::thread reader([&]() { result = stream->Read(writer); });
+  stream->recv_data(BufferOf("ab"), false);
+  stream->recv_data(BufferOf("cd"), false);
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_EQ(0u, writer.RunCount());
+  stream->recv_data(BufferOf("e"), true);
+  reader.join();
+  EXPECT_TRUE(result);
+  ASSERT_EQ(1u, writer.runs.size());
+  EXPECT_EQ((std::vector<std::string>{"ab", "cd", "e"}), writer.runs[0]);
+}
+
+TEST_F(StreamTest, ReaderOfRunsIsWokenOnceAFullRunIsQueued) {
+  RunRecorder writer(*connection);
+  bool result = false;
+  std::thread reader([&]() { result = stream->Read(writer); });
+  const size_t full_run = CLogicalConnectionStream::kRunWakeBytes / CNetworkBuffer::CAPACITY;
+  for (size_t index = 0; index < full_run; ++index) stream->recv_data(FullBuffer('x'), false);
+  EXPECT_TRUE(writer.WaitForRuns(1));
+  stream->recv_data(nullptr, true);
+  reader.join();
+  EXPECT_TRUE(result);
+  ASSERT_EQ(1u, writer.runs.size());
+  EXPECT_EQ(full_run, writer.runs[0].size());
+  EXPECT_EQ(CLogicalConnectionStream::kRunWakeBytes, stream->GetTotalReceived());
+}
+
+TEST_F(StreamTest, ReaderOfRunsIsWokenByTheEndOfTheStream) {
+  RunRecorder writer(*connection);
+  bool result = false;
+  std::thread reader([&]() { result = stream->Read(writer); });
+  stream->recv_data(BufferOf("ab"), false);
+  std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  stream->recv_closed();
+  reader.join();
+  EXPECT_TRUE(result);
+  ASSERT_EQ(1u, writer.runs.size());
+  EXPECT_EQ((std::vector<std::string>{"ab"}), writer.runs[0]);
+}
+
+TEST_F(StreamTest, RunIsCutAtTheMostBuffersOneRunHandsOver) {
+  const size_t queued = CLogicalConnectionStream::kMaxRunBuffers + 3;
+  for (size_t index = 0; index < queued; ++index) stream->recv_data(BufferOf("z"), false);
+  stream->recv_data(nullptr, true);
+  RunRecorder writer(*connection);
+  EXPECT_TRUE(stream->Read(writer));
+  ASSERT_EQ(2u, writer.runs.size());
+  EXPECT_EQ(CLogicalConnectionStream::kMaxRunBuffers, writer.runs[0].size());
+  EXPECT_EQ(3u, writer.runs[1].size());
+  EXPECT_EQ(CLogicalConnectionStream::kMaxRunBuffers, writer.released_before_run[1]);
+  EXPECT_EQ(queued, connection->acknowledged.size());
+}
+
+TEST_F(StreamTest, FailedRunEndsReadWithFalseAndReleasesTheRun) {
+  stream->recv_data(BufferOf("ab"), false);
+  stream->recv_data(BufferOf("cd"), true);
+  RunRecorder writer(*connection);
+  writer.result = false;
+  EXPECT_FALSE(stream->Read(writer));
+  EXPECT_EQ((std::vector<uint64_t>{2, 2}), connection->acknowledged);
+  EXPECT_EQ(4u, stream->GetTotalReceived());
+}
+
+TEST_F(StreamTest, WriterOfSingleBuffersGetsTheRunOneBufferAtATime) {
+  stream->recv_data(BufferOf("ab"), false);
+  stream->recv_data(BufferOf("cd"), true);
+  SingleBufferWriter writer;
+  EXPECT_TRUE(stream->Read(writer));
+  EXPECT_EQ((std::vector<std::string>{"ab", "cd"}), writer.texts);
+}
+
+TEST_F(StreamFileTest, ReadFileWritesARunOfBuffersInOrder) {
+  stream->recv_data(BufferOf("rec"), true);
+  std::string expected;
+  for (int index = 0; index < 40; ++index) {
+    const char fill = static_cast<char>('0' + index);
+    stream->recv_data(FullBuffer(fill), false);
+    expected.append(CNetworkBuffer::CAPACITY, fill);
+  }
+  stream->recv_data(BufferOf("tail"), true);
+  expected += "tail";
+  stream->NextSegment();
+  ASSERT_TRUE(OpenFile());
+  EXPECT_TRUE(stream->ReadFile(file));
+  file.Close();
+  EXPECT_TRUE(FileContent() == expected);
+  EXPECT_EQ(41u + 1u, connection->acknowledged.size());
 }
 
 }  // namespace
