@@ -1,0 +1,678 @@
+#include "base/rpc/rpcconnectionstrand.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <boost/asio/bind_executor.hpp>
+#include <boost/asio/dispatch.hpp>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/system/error_code.hpp>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <vector>
+
+namespace apm {
+namespace base {
+namespace {
+
+const std::chrono::seconds kLongestWait(5);
+
+// A one-shot signal with a bounded wait, so that a broken strand fails a test
+// instead of hanging it.
+class Signal {
+ public:
+  // Notifies with the lock held: the waiter may destroy the signal as soon as it
+  // has seen it raised.
+  void notify() {
+    std::lock_guard<std::mutex> lock(mutex);
+    raised = true;
+    condition.notify_all();
+  }
+  bool wait(std::chrono::milliseconds timeout = kLongestWait) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return condition.wait_for(lock, timeout, [this] { return raised; });
+  }
+  bool raised_now() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return raised;
+  }
+
+ private:
+  std::mutex mutex;
+  std::condition_variable condition;
+  bool raised = false;
+};
+
+// Counts down to zero; wait() is bounded like Signal's.
+class Countdown {
+ public:
+  explicit Countdown(std::size_t count) : remaining(count) {}
+  void count_down() {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (--remaining == 0) condition.notify_all();
+  }
+  bool wait() {
+    std::unique_lock<std::mutex> lock(mutex);
+    return condition.wait_for(lock, kLongestWait, [this] { return remaining == 0; });
+  }
+
+ private:
+  std::mutex mutex;
+  std::condition_variable condition;
+  std::size_t remaining;
+};
+
+// A busy wait of a microsecond or so that keeps the thread on its core.
+void BusyPause() {
+  for (volatile int i = 0; i < 1000; ++i) {
+  }
+}
+
+// Tracks how many handlers are inside a section at once and the most ever seen.
+class OverlapMeter {
+ public:
+  void enter() {
+    const int now = ++inside;
+    int seen = most.load();
+    while (now > seen && !most.compare_exchange_weak(seen, now)) {
+    }
+    // Stay inside a moment, so that a second thread let in wrongly meets this one.
+    BusyPause();
+  }
+  void leave() { --inside; }
+  int most_at_once() const { return most.load(); }
+
+ private:
+  std::atomic<int> inside{0};
+  std::atomic<int> most{0};
+};
+
+// An io_context run by `count` I/O threads, kept running by a work guard until
+// the fixture ends; knows the ids of its threads.
+class IoThreads {
+ public:
+  explicit IoThreads(int count) : guard(boost::asio::make_work_guard(context)) {
+    Countdown started(count);
+    for (int i = 0; i < count; ++i) {
+      threads.emplace_back([this, &started] {
+        {
+          std::lock_guard<std::mutex> lock(mutex);
+          ids.insert(std::this_thread::get_id());
+        }
+        started.count_down();
+        context.run();
+      });
+    }
+    EXPECT_TRUE(started.wait());
+  }
+  ~IoThreads() {
+    guard.reset();
+    context.stop();
+    for (std::thread& thread : threads) thread.join();
+  }
+  bool is_io_thread(std::thread::id id) {
+    std::lock_guard<std::mutex> lock(mutex);
+    return ids.count(id) != 0;
+  }
+
+  boost::asio::io_context context;
+
+ private:
+  boost::asio::executor_work_guard<boost::asio::io_context::executor_type> guard;
+  std::vector<std::thread> threads;
+  std::mutex mutex;
+  std::set<std::thread::id> ids;
+};
+
+// Runs `context` on a thread of its own and tells when run() has returned.
+class RunThread {
+ public:
+  explicit RunThread(boost::asio::io_context& context) : context(context) {
+    thread = std::thread([this] {
+      this->context.run();
+      returned.notify();
+    });
+  }
+  ~RunThread() {
+    // A run() that does not return fails the test, and is stopped so that the
+    // test ends.
+    if (!returned.raised_now()) context.stop();
+    thread.join();
+  }
+  std::thread::id id() const { return thread.get_id(); }
+
+  Signal returned;
+
+ private:
+  boost::asio::io_context& context;
+  std::thread thread;
+};
+
+// One handler's record: who gave it, its place in that giver's sequence.
+struct Entry {
+  int giver;
+  int sequence;
+};
+
+// Checks that each giver's entries appear in the order of their sequence numbers
+// and that all `per_giver` of them are there.
+void ExpectOrderPerGiver(const std::vector<Entry>& entries, int givers, int per_giver) {
+  std::vector<int> next(givers, 0);
+  for (const Entry& entry : entries) {
+    ASSERT_EQ(next[entry.giver], entry.sequence) << "giver " << entry.giver;
+    ++next[entry.giver];
+  }
+  for (int giver = 0; giver < givers; ++giver) EXPECT_EQ(per_giver, next[giver]) << "giver " << giver;
+}
+
+TEST(CConnectionStrandTest, HandlersPostedFromOneThreadRunInTheOrderGiven) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+  const int count = 500;
+  std::vector<int> order;  // touched only on the strand
+  Countdown done(count);
+  for (int i = 0; i < count; ++i) {
+    boost::asio::post(strand, [&order, &done, i] {
+      order.push_back(i);
+      done.count_down();
+    });
+  }
+  ASSERT_TRUE(done.wait());
+  ASSERT_EQ(static_cast<std::size_t>(count), order.size());
+  for (int i = 0; i < count; ++i) ASSERT_EQ(i, order[i]);
+}
+
+TEST(CConnectionStrandTest, HandlersPostedFromSeveralThreadsNeverRunTwoAtOnceAndKeepEachThreadsOrder) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+  const int givers = 4;
+  const int per_giver = 300;
+  OverlapMeter meter;
+  std::vector<Entry> entries;  // touched only on the strand
+  Countdown done(givers * per_giver);
+  std::atomic<bool> go{false};
+  std::vector<std::thread> posting;
+  for (int giver = 0; giver < givers; ++giver) {
+    posting.emplace_back([&, giver] {
+      while (!go.load()) std::this_thread::yield();
+      for (int i = 0; i < per_giver; ++i) {
+        BusyPause();
+        boost::asio::post(strand, [&, giver, i] {
+          meter.enter();
+          entries.push_back(Entry{giver, i});
+          meter.leave();
+          done.count_down();
+        });
+      }
+    });
+  }
+  go = true;
+  for (std::thread& thread : posting) thread.join();
+  ASSERT_TRUE(done.wait());
+  EXPECT_EQ(1, meter.most_at_once());
+  ExpectOrderPerGiver(entries, givers, per_giver);
+}
+
+TEST(CConnectionStrandTest, RunOrPostFromSeveralThreadsNeverOverlapsPostedHandlersAndKeepsEachThreadsOrder) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+  const int givers = 4;  // even givers use run_or_post, odd ones post
+  const int per_giver = 300;
+  OverlapMeter meter;
+  std::mutex entries_mutex;
+  std::vector<Entry> entries;
+  Countdown done(givers * per_giver);
+  std::atomic<bool> go{false};
+  std::vector<std::thread> giving;
+  for (int giver = 0; giver < givers; ++giver) {
+    giving.emplace_back([&, giver] {
+      while (!go.load()) std::this_thread::yield();
+      for (int i = 0; i < per_giver; ++i) {
+        BusyPause();
+        auto handler = [&, giver, i] {
+          meter.enter();
+          {
+            std::lock_guard<std::mutex> lock(entries_mutex);
+            entries.push_back(Entry{giver, i});
+          }
+          meter.leave();
+          done.count_down();
+        };
+        if (giver % 2 == 0) {
+          strand.run_or_post(handler);
+        } else {
+          boost::asio::post(strand, handler);
+        }
+      }
+    });
+  }
+  go = true;
+  for (std::thread& thread : giving) thread.join();
+  ASSERT_TRUE(done.wait());
+  EXPECT_EQ(1, meter.most_at_once());
+  std::lock_guard<std::mutex> lock(entries_mutex);
+  ExpectOrderPerGiver(entries, givers, per_giver);
+}
+
+TEST(CConnectionStrandTest, RunOrPostOnAnIdleStrandRunsOnTheCallerBeforeItReturns) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+  bool ran = false;
+  std::thread::id ran_on;
+  bool for_caller = false;
+  bool inside = false;
+  EXPECT_FALSE(CConnectionStrand::running_for_caller());
+  strand.run_or_post([&] {
+    ran = true;
+    ran_on = std::this_thread::get_id();
+    for_caller = CConnectionStrand::running_for_caller();
+    inside = strand.running_in_this_thread();
+  });
+  ASSERT_TRUE(ran);
+  EXPECT_EQ(std::this_thread::get_id(), ran_on);
+  EXPECT_TRUE(for_caller);
+  EXPECT_TRUE(inside);
+  EXPECT_FALSE(CConnectionStrand::running_for_caller());
+  EXPECT_FALSE(strand.running_in_this_thread());
+}
+
+TEST(CConnectionStrandTest, RunningForCallerIsFalseInHandlersRunByTheIoThreads) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+  Signal done;
+  std::thread::id ran_on;
+  bool for_caller = true;
+  bool inside = false;
+  boost::asio::post(strand, [&] {
+    ran_on = std::this_thread::get_id();
+    for_caller = CConnectionStrand::running_for_caller();
+    inside = strand.running_in_this_thread();
+    done.notify();
+  });
+  ASSERT_TRUE(done.wait());
+  EXPECT_TRUE(io.is_io_thread(ran_on));
+  EXPECT_FALSE(for_caller);
+  EXPECT_TRUE(inside);
+}
+
+TEST(CConnectionStrandTest, RunOrPostWhileAHandlerRunsElsewhereRunsLaterOnAnIoThreadInOrder) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+  Signal blocking_started;
+  Signal release;
+  std::mutex order_mutex;
+  std::vector<int> order;
+  auto record = [&](int what) {
+    std::lock_guard<std::mutex> lock(order_mutex);
+    order.push_back(what);
+  };
+  boost::asio::post(strand, [&] {
+    blocking_started.notify();
+    EXPECT_TRUE(release.wait());
+    record(0);
+  });
+  ASSERT_TRUE(blocking_started.wait());
+
+  const std::thread::id caller = std::this_thread::get_id();
+  std::atomic<int> ran{0};
+  std::thread::id ran_on[2];
+  bool for_caller[2] = {true, true};
+  Countdown done(2);
+  for (int i = 1; i <= 2; ++i) {
+    strand.run_or_post([&, i] {
+      ran_on[i - 1] = std::this_thread::get_id();
+      for_caller[i - 1] = CConnectionStrand::running_for_caller();
+      record(i);
+      ++ran;
+      done.count_down();
+    });
+  }
+  // Neither may have run: the strand is busy on an I/O thread.
+  EXPECT_EQ(0, ran.load());
+  release.notify();
+  ASSERT_TRUE(done.wait());
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_NE(caller, ran_on[i]);
+    EXPECT_TRUE(io.is_io_thread(ran_on[i]));
+    EXPECT_FALSE(for_caller[i]);
+  }
+  std::lock_guard<std::mutex> lock(order_mutex);
+  EXPECT_EQ((std::vector<int>{0, 1, 2}), order);
+}
+
+TEST(CConnectionStrandTest, WhatARunOrPostHandlerPostsIsNotRunNestedButAfterwardsOnAnIoThread) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+  std::atomic<bool> outer_done{false};
+  std::atomic<int> inner_ran{0};
+  bool inner_ran_inside_outer = false;
+  Countdown inner_done(2);
+  std::thread::id inner_on[2];
+  bool inner_saw_outer_done[2] = {false, false};
+  bool inner_for_caller[2] = {true, true};
+  auto inner = [&](int which) {
+    return [&, which] {
+      inner_on[which] = std::this_thread::get_id();
+      inner_saw_outer_done[which] = outer_done.load();
+      inner_for_caller[which] = CConnectionStrand::running_for_caller();
+      ++inner_ran;
+      inner_done.count_down();
+    };
+  };
+  strand.run_or_post([&] {
+    boost::asio::post(strand, inner(0));
+    strand.run_or_post(inner(1));
+    inner_ran_inside_outer = inner_ran.load() != 0;
+    outer_done = true;
+  });
+  ASSERT_TRUE(outer_done.load());
+  EXPECT_FALSE(inner_ran_inside_outer);
+  ASSERT_TRUE(inner_done.wait());
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_TRUE(inner_saw_outer_done[i]) << i;
+    EXPECT_TRUE(io.is_io_thread(inner_on[i])) << i;
+    EXPECT_FALSE(inner_for_caller[i]) << i;
+  }
+}
+
+TEST(CConnectionStrandTest, WhatARunOrPostHandlerPostsWaitsForTheIoThreads) {
+  // No I/O thread runs yet: what the caller's handler posts must stay queued
+  // rather than run on the caller once its handler is done.
+  boost::asio::io_context context;
+  CConnectionStrand strand(context);
+  bool posted_ran = false;
+  std::thread::id posted_on;
+  strand.run_or_post([&] {
+    boost::asio::post(strand, [&] {
+      posted_ran = true;
+      posted_on = std::this_thread::get_id();
+    });
+  });
+  EXPECT_FALSE(posted_ran);
+  std::thread::id io_id;
+  {
+    RunThread runner(context);
+    io_id = runner.id();
+    EXPECT_TRUE(runner.returned.wait());
+  }
+  EXPECT_TRUE(posted_ran);
+  EXPECT_EQ(io_id, posted_on);
+}
+
+TEST(CConnectionStrandTest, DispatchInsideAHandlerRunsAtOnceNested) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+  Signal done;
+  std::vector<int> order;  // touched only on the strand
+  bool inside_nested = false;
+  bool ran_before_dispatch_returned = false;
+  boost::asio::post(strand, [&] {
+    order.push_back(1);
+    boost::asio::post(strand, [&] {
+      order.push_back(4);
+      done.notify();
+    });
+    bool nested_ran = false;
+    boost::asio::dispatch(strand, [&] {
+      nested_ran = true;
+      inside_nested = strand.running_in_this_thread();
+      order.push_back(2);
+    });
+    ran_before_dispatch_returned = nested_ran;
+    order.push_back(3);
+  });
+  ASSERT_TRUE(done.wait());
+  EXPECT_TRUE(ran_before_dispatch_returned);
+  EXPECT_TRUE(inside_nested);
+  EXPECT_EQ((std::vector<int>{1, 2, 3, 4}), order);
+}
+
+TEST(CConnectionStrandTest, RunningInThisThreadIsTrueOnlyInsideTheStrandsOwnHandlers) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+  CConnectionStrand other(io.context);
+  EXPECT_FALSE(strand.running_in_this_thread());
+
+  bool in_own_handler = false;
+  bool in_others_handler = true;
+  bool other_in_own = false;
+  Countdown done(2);
+  boost::asio::post(strand, [&] {
+    in_own_handler = strand.running_in_this_thread();
+    done.count_down();
+  });
+  boost::asio::post(other, [&] {
+    in_others_handler = strand.running_in_this_thread();
+    other_in_own = other.running_in_this_thread();
+    done.count_down();
+  });
+  ASSERT_TRUE(done.wait());
+  EXPECT_TRUE(in_own_handler);
+  EXPECT_FALSE(in_others_handler);
+  EXPECT_TRUE(other_in_own);
+
+  // An I/O thread that has run a handler of the strand is outside it afterwards.
+  Signal plain_done;
+  bool in_plain_handler = true;
+  boost::asio::post(strand, [&] {
+    boost::asio::post(io.context, [&] {
+      in_plain_handler = strand.running_in_this_thread();
+      plain_done.notify();
+    });
+  });
+  ASSERT_TRUE(plain_done.wait());
+  EXPECT_FALSE(in_plain_handler);
+  EXPECT_FALSE(strand.running_in_this_thread());
+}
+
+TEST(CConnectionStrandTest, DispatchFromAnIdleIoThreadRunsAtOnceAndFromOutsideIsPosted) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+
+  Signal io_done;
+  bool ran_before_return = false;
+  bool inside = false;
+  boost::asio::post(io.context, [&] {
+    bool ran = false;
+    boost::asio::dispatch(strand, [&] {
+      ran = true;
+      inside = strand.running_in_this_thread();
+    });
+    ran_before_return = ran;
+    io_done.notify();
+  });
+  ASSERT_TRUE(io_done.wait());
+  EXPECT_TRUE(ran_before_return);
+  EXPECT_TRUE(inside);
+
+  Signal outside_done;
+  std::thread::id ran_on;
+  boost::asio::dispatch(strand, [&] {
+    ran_on = std::this_thread::get_id();
+    outside_done.notify();
+  });
+  ASSERT_TRUE(outside_done.wait());
+  EXPECT_NE(std::this_thread::get_id(), ran_on);
+  EXPECT_TRUE(io.is_io_thread(ran_on));
+}
+
+TEST(CConnectionStrandTest, TimerCompletionsBoundToTheStrandNeverOverlapItsPostedHandlers) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+  const int timers = 50;
+  const int posted = 500;
+  OverlapMeter meter;
+  std::atomic<int> timer_handlers_outside{0};
+  Countdown done(timers + posted);
+  std::vector<std::unique_ptr<boost::asio::steady_timer>> waiting;
+  const auto soon = std::chrono::steady_clock::now() + std::chrono::milliseconds(1);
+  for (int i = 0; i < timers; ++i) {
+    waiting.emplace_back(new boost::asio::steady_timer(io.context, soon));
+    waiting.back()->async_wait(boost::asio::bind_executor(strand, [&](const boost::system::error_code& error) {
+      meter.enter();
+      EXPECT_FALSE(error);
+      if (!strand.running_in_this_thread()) ++timer_handlers_outside;
+      meter.leave();
+      done.count_down();
+    }));
+  }
+  for (int i = 0; i < posted; ++i) {
+    boost::asio::post(strand, [&] {
+      meter.enter();
+      meter.leave();
+      done.count_down();
+    });
+  }
+  ASSERT_TRUE(done.wait());
+  EXPECT_EQ(1, meter.most_at_once());
+  EXPECT_EQ(0, timer_handlers_outside.load());
+}
+
+TEST(CConnectionStrandTest, TimerCompletionBoundToTheStrandWaitsForTheRunningHandler) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+  Signal blocking_started;
+  Signal release;
+  std::atomic<bool> blocking_done{false};
+  bool timer_saw_blocking_done = false;
+  Signal timer_done;
+  boost::asio::steady_timer timer(io.context);
+  boost::asio::post(strand, [&] {
+    blocking_started.notify();
+    EXPECT_TRUE(release.wait());
+    blocking_done = true;
+  });
+  ASSERT_TRUE(blocking_started.wait());
+  timer.expires_after(std::chrono::milliseconds(0));
+  timer.async_wait(boost::asio::bind_executor(strand, [&](const boost::system::error_code&) {
+    timer_saw_blocking_done = blocking_done.load();
+    timer_done.notify();
+  }));
+  // The timer has expired; its completion must still wait for the strand.
+  EXPECT_FALSE(timer_done.wait(std::chrono::milliseconds(20)));
+  release.notify();
+  ASSERT_TRUE(timer_done.wait());
+  EXPECT_TRUE(timer_saw_blocking_done);
+}
+
+TEST(CConnectionStrandTest, IoContextRunDoesNotReturnWhileTheStrandHasWorkQueued) {
+  boost::asio::io_context context;  // no work guard: only the strand keeps run() going
+  CConnectionStrand strand(context);
+  Signal run_entered;
+  boost::asio::post(context, [&] { run_entered.notify(); });
+  bool posted_ran = false;
+  std::unique_ptr<RunThread> runner;
+  bool returned_while_queued = true;
+  strand.run_or_post([&] {
+    // The caller holds the strand; what it posts waits in the strand's queue, with
+    // no handler of the io_context behind it yet.
+    boost::asio::post(strand, [&] { posted_ran = true; });
+    runner.reset(new RunThread(context));
+    ASSERT_TRUE(run_entered.wait());
+    returned_while_queued = runner->returned.wait(std::chrono::milliseconds(20));
+  });
+  EXPECT_FALSE(returned_while_queued);
+  // Once the strand has run what was queued, run() has nothing left and returns.
+  EXPECT_TRUE(runner->returned.wait());
+  runner.reset();
+  EXPECT_TRUE(posted_ran);
+}
+
+TEST(CConnectionStrandTest, IoContextRunReturnsOnceTheStrandHasFinished) {
+  boost::asio::io_context context;
+  CConnectionStrand strand(context);
+  // Claimed and let go on the caller with no I/O thread: no work may remain.
+  bool ran = false;
+  strand.run_or_post([&] { ran = true; });
+  ASSERT_TRUE(ran);
+  {
+    RunThread runner(context);
+    EXPECT_TRUE(runner.returned.wait());
+  }
+
+  // Handlers given every way, also from handlers: run() returns after the last.
+  context.restart();
+  std::atomic<int> count{0};
+  for (int i = 0; i < 100; ++i) {
+    boost::asio::post(strand, [&] {
+      ++count;
+      strand.run_or_post([&] { ++count; });
+      boost::asio::dispatch(strand, [&] { ++count; });
+    });
+  }
+  {
+    RunThread first(context);
+    RunThread second(context);
+    EXPECT_TRUE(first.returned.wait());
+    EXPECT_TRUE(second.returned.wait());
+  }
+  EXPECT_EQ(300, count.load());
+}
+
+TEST(CConnectionStrandTest, AHandlerOfOneStrandMayRunOrPostOnAnother) {
+  IoThreads io(4);
+  CConnectionStrand first(io.context);
+  CConnectionStrand second(io.context);
+
+  // On an idle strand the other's handler runs at once, inside the first's.
+  Signal single_done;
+  bool ran_nested = false;
+  bool nested_inside_second = false;
+  bool first_restored = false;
+  boost::asio::post(first, [&] {
+    second.run_or_post([&] {
+      ran_nested = true;
+      nested_inside_second = second.running_in_this_thread();
+    });
+    first_restored = first.running_in_this_thread() && !second.running_in_this_thread();
+    single_done.notify();
+  });
+  ASSERT_TRUE(single_done.wait());
+  EXPECT_TRUE(ran_nested);
+  EXPECT_TRUE(nested_inside_second);
+  EXPECT_TRUE(first_restored);
+
+  // Both strands calling into each other at the same time: everything runs, and
+  // each strand still runs one handler at a time.
+  const int rounds = 200;
+  OverlapMeter first_meter;
+  OverlapMeter second_meter;
+  Countdown done(4 * rounds);
+  for (int i = 0; i < rounds; ++i) {
+    boost::asio::post(first, [&] {
+      first_meter.enter();
+      second.run_or_post([&] {
+        second_meter.enter();
+        second_meter.leave();
+        done.count_down();
+      });
+      first_meter.leave();
+      done.count_down();
+    });
+    boost::asio::post(second, [&] {
+      second_meter.enter();
+      first.run_or_post([&] {
+        first_meter.enter();
+        first_meter.leave();
+        done.count_down();
+      });
+      second_meter.leave();
+      done.count_down();
+    });
+  }
+  ASSERT_TRUE(done.wait());
+  EXPECT_EQ(1, first_meter.most_at_once());
+  EXPECT_EQ(1, second_meter.most_at_once());
+}
+
+}  // namespace
+}  // namespace base
+}  // namespace apm
