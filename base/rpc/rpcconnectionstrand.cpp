@@ -1,5 +1,7 @@
 #include "base/rpc/rpcconnectionstrand.h"
 
+#include <functional>
+
 namespace apm {
 namespace base {
 
@@ -59,12 +61,30 @@ void CConnectionStrand::State::enqueue(const std::shared_ptr<State>& self, std::
   boost::asio::post(*io_context, [self]() { run_batch(self); });
 }
 
+// Lets go of the strand (or hands what is queued to the I/O threads) when a handler
+// throws, so that the exception leaves the strand usable, as an asio strand does.
+class ReleaseOnThrow {
+ public:
+  explicit ReleaseOnThrow(std::function<void()> release) : release(std::move(release)) {}
+  ~ReleaseOnThrow() {
+    if (release) release();
+  }
+  void dismiss() { release = nullptr; }
+  ReleaseOnThrow(const ReleaseOnThrow&) = delete;
+  ReleaseOnThrow& operator=(const ReleaseOnThrow&) = delete;
+
+ private:
+  std::function<void()> release;
+};
+
 void CConnectionStrand::State::run_acquired(const std::shared_ptr<State>& self, std::unique_ptr<Operation> operation,
                                             bool for_caller) {
   {
+    ReleaseOnThrow guard([&self]() { release_or_continue(self); });
     InsideStrand inside(self.get(), for_caller);
     operation->invoke();
     operation.reset();
+    guard.dismiss();
   }
   if (for_caller) {
     // What came meanwhile belongs to the I/O threads.
@@ -76,6 +96,7 @@ void CConnectionStrand::State::run_acquired(const std::shared_ptr<State>& self, 
 
 void CConnectionStrand::State::run_batch(const std::shared_ptr<State>& self) {
   {
+    ReleaseOnThrow guard([&self]() { release_or_continue(self); });
     InsideStrand inside(self.get(), false);
     std::size_t count;
     {
@@ -93,6 +114,7 @@ void CConnectionStrand::State::run_batch(const std::shared_ptr<State>& self) {
       }
       operation->invoke();
     }
+    guard.dismiss();
   }
   release_or_continue(self);
 }

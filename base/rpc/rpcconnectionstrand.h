@@ -68,11 +68,12 @@ class CConnectionStrand {
     state->enqueue(state, make_operation(std::forward<Function>(function)));
   }
 
-  // Runs `function` on the calling thread if the strand is idle, else posts it.
+  // Runs `function` on the calling thread if the strand is idle and the thread is
+  // not one of the I/O threads, else posts it.
   template <class Function>
   void run_or_post(Function&& function) const {
     std::unique_ptr<Operation> operation = make_operation(std::forward<Function>(function));
-    if (!state->try_acquire()) {
+    if (state->io_context->get_executor().running_in_this_thread() || !state->try_acquire()) {
       state->enqueue(state, std::move(operation));
       return;
     }

@@ -16,6 +16,7 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -617,28 +618,69 @@ TEST(CConnectionStrandTest, IoContextRunReturnsOnceTheStrandHasFinished) {
   EXPECT_EQ(300, count.load());
 }
 
-TEST(CConnectionStrandTest, AHandlerOfOneStrandMayRunOrPostOnAnother) {
+TEST(CConnectionStrandTest, RunOrPostFromAnIoThreadIsPostedEvenOnAnIdleStrand) {
   IoThreads io(4);
   CConnectionStrand first(io.context);
   CConnectionStrand second(io.context);
 
-  // On an idle strand the other's handler runs at once, inside the first's.
-  Signal single_done;
+  Signal done;
+  std::atomic<bool> ran{false};
+  bool ran_before_return = true;
+  bool ran_for_caller = true;
+  boost::asio::post(first, [&] {
+    second.run_or_post([&] {
+      ran_for_caller = CConnectionStrand::running_for_caller();
+      ran = true;
+      done.notify();
+    });
+    ran_before_return = ran.load();
+  });
+  ASSERT_TRUE(done.wait());
+  EXPECT_FALSE(ran_before_return);
+  EXPECT_FALSE(ran_for_caller);
+}
+
+TEST(CConnectionStrandTest, AHandlerRunOnTheCallerMayRunAnotherStrandsHandlerNested) {
+  IoThreads io(4);
+  CConnectionStrand first(io.context);
+  CConnectionStrand second(io.context);
+
   bool ran_nested = false;
   bool nested_inside_second = false;
   bool first_restored = false;
-  boost::asio::post(first, [&] {
+  first.run_or_post([&] {
     second.run_or_post([&] {
       ran_nested = true;
-      nested_inside_second = second.running_in_this_thread();
+      nested_inside_second = second.running_in_this_thread() && CConnectionStrand::running_for_caller();
     });
     first_restored = first.running_in_this_thread() && !second.running_in_this_thread();
-    single_done.notify();
   });
-  ASSERT_TRUE(single_done.wait());
   EXPECT_TRUE(ran_nested);
   EXPECT_TRUE(nested_inside_second);
   EXPECT_TRUE(first_restored);
+}
+
+TEST(CConnectionStrandTest, AHandlerThatThrowsOnTheCallerLeavesTheStrandUsable) {
+  IoThreads io(4);
+  CConnectionStrand strand(io.context);
+
+  EXPECT_THROW(strand.run_or_post([] { throw std::runtime_error("handler failed"); }), std::runtime_error);
+  EXPECT_FALSE(strand.running_in_this_thread());
+  EXPECT_FALSE(CConnectionStrand::running_for_caller());
+
+  // The strand is free again: the next caller runs at once, and posted work runs.
+  bool ran_at_once = false;
+  strand.run_or_post([&] { ran_at_once = true; });
+  EXPECT_TRUE(ran_at_once);
+  Signal posted_ran;
+  boost::asio::post(strand, [&] { posted_ran.notify(); });
+  EXPECT_TRUE(posted_ran.wait());
+}
+
+TEST(CConnectionStrandTest, TwoStrandsCallingIntoEachOtherFromTheirHandlersRunEverythingOneAtATime) {
+  IoThreads io(4);
+  CConnectionStrand first(io.context);
+  CConnectionStrand second(io.context);
 
   // Both strands calling into each other at the same time: everything runs, and
   // each strand still runs one handler at a time.
