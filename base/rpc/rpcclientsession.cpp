@@ -1,5 +1,7 @@
 #include "base/rpc/rpcclientsession.h"
 
+#include <vector>
+
 #include <fcntl.h>
 
 #include "base/famerror.h"
@@ -11,8 +13,9 @@ namespace base {
 
 namespace {
 
-// A file goes out in pieces of one network buffer.
-constexpr size_t kFileChunkSize = sizeof(CNetworkBuffer::data);
+// A file is read in pieces of 32 network buffers: few reads, and the stream still
+// sends it in full frames.
+constexpr size_t kFileChunkSize = 32 * sizeof(CNetworkBuffer::data);
 
 }  // namespace
 
@@ -39,10 +42,10 @@ bool SendRequestFile(CLogicalConnectionStream& stream, unsigned int module, cons
   File file;
   bool sent = file.Open(path, O_RDONLY | O_CLOEXEC);
   if (sent) {
-    char chunk[kFileChunkSize];
+    std::vector<char> chunk(kFileChunkSize);
     size_t read = 0;
-    while ((sent = file.Read(chunk, sizeof chunk, read)) && read > 0) {
-      if (!(sent = stream.Write(chunk, static_cast<unsigned int>(read)))) break;
+    while ((sent = file.Read(chunk.data(), chunk.size(), read)) && read > 0) {
+      if (!(sent = stream.Write(chunk.data(), static_cast<unsigned int>(read)))) break;
     }
     file.Close();
   }
