@@ -9,8 +9,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -20,6 +18,7 @@
 #include "base/rpc/rpcspdyserverconnection.h"
 #include "base/rpc/rpclogicalconnection.h"
 #include "base/rpc/rpcstreamconnection.h"
+#include "tests/support/latch.h"
 #include "tests/support/rpctestenvironment.h"
 #include "tests/support/tcpport.h"
 #include "tests/support/testcertificates.h"
@@ -29,6 +28,7 @@ namespace base {
 namespace {
 
 using test::GetTestIdentity;
+using test::Latch;
 using test::RpcTestEnvironment;
 
 typedef boost::shared_ptr<CLogicalConnectionStream> StreamPtr;
@@ -88,25 +88,6 @@ bool Call(const boost::shared_ptr<IPhysicalConnection>& connection, const std::s
   if (response_headers != nullptr) *response_headers = headers;
   return ReadText(*stream, answer);
 }
-
-// A one-shot signal between a handler thread and the test.
-class Latch {
- public:
-  void Open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-  bool Wait(int milliseconds = 10000) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(milliseconds), [&]() { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool open_ = false;
-};
 
 // Waits up to 10 s for `condition`.
 template <class Condition>

@@ -20,39 +20,17 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/latch.h"
+
 namespace apm {
 namespace base {
 namespace {
 
+using test::Latch;
+
 const std::chrono::seconds kLongestWait(5);
 
-// A one-shot signal with a bounded wait, so that a broken strand fails a test
-// instead of hanging it.
-class Signal {
- public:
-  // Notifies with the lock held: the waiter may destroy the signal as soon as it
-  // has seen it raised.
-  void notify() {
-    std::lock_guard<std::mutex> lock(mutex);
-    raised = true;
-    condition.notify_all();
-  }
-  bool wait(std::chrono::milliseconds timeout = kLongestWait) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return condition.wait_for(lock, timeout, [this] { return raised; });
-  }
-  bool raised_now() {
-    std::lock_guard<std::mutex> lock(mutex);
-    return raised;
-  }
-
- private:
-  std::mutex mutex;
-  std::condition_variable condition;
-  bool raised = false;
-};
-
-// Counts down to zero; wait() is bounded like Signal's.
+// Counts down to zero; Wait() is bounded like a Latch's.
 class Countdown {
  public:
   explicit Countdown(std::size_t count) : remaining(count) {}
@@ -60,7 +38,7 @@ class Countdown {
     std::lock_guard<std::mutex> lock(mutex);
     if (--remaining == 0) condition.notify_all();
   }
-  bool wait() {
+  bool Wait() {
     std::unique_lock<std::mutex> lock(mutex);
     return condition.wait_for(lock, kLongestWait, [this] { return remaining == 0; });
   }
@@ -112,7 +90,7 @@ class IoThreads {
         context.run();
       });
     }
-    EXPECT_TRUE(started.wait());
+    EXPECT_TRUE(started.Wait());
   }
   ~IoThreads() {
     guard.reset();
@@ -139,18 +117,18 @@ class RunThread {
   explicit RunThread(boost::asio::io_context& context) : context(context) {
     thread = std::thread([this] {
       this->context.run();
-      returned.notify();
+      returned.Open();
     });
   }
   ~RunThread() {
     // A run() that does not return fails the test, and is stopped so that the
     // test ends.
-    if (!returned.raised_now()) context.stop();
+    if (!returned.IsOpen()) context.stop();
     thread.join();
   }
   std::thread::id id() const { return thread.get_id(); }
 
-  Signal returned;
+  Latch returned;
 
  private:
   boost::asio::io_context& context;
@@ -186,7 +164,7 @@ TEST(CConnectionStrandTest, HandlersPostedFromOneThreadRunInTheOrderGiven) {
       done.count_down();
     });
   }
-  ASSERT_TRUE(done.wait());
+  ASSERT_TRUE(done.Wait());
   ASSERT_EQ(static_cast<std::size_t>(count), order.size());
   for (int i = 0; i < count; ++i) ASSERT_EQ(i, order[i]);
 }
@@ -217,7 +195,7 @@ TEST(CConnectionStrandTest, HandlersPostedFromSeveralThreadsNeverRunTwoAtOnceAnd
   }
   go = true;
   for (std::thread& thread : posting) thread.join();
-  ASSERT_TRUE(done.wait());
+  ASSERT_TRUE(done.Wait());
   EXPECT_EQ(1, meter.most_at_once());
   ExpectOrderPerGiver(entries, givers, per_giver);
 }
@@ -257,7 +235,7 @@ TEST(CConnectionStrandTest, RunOrPostFromSeveralThreadsNeverOverlapsPostedHandle
   }
   go = true;
   for (std::thread& thread : giving) thread.join();
-  ASSERT_TRUE(done.wait());
+  ASSERT_TRUE(done.Wait());
   EXPECT_EQ(1, meter.most_at_once());
   std::lock_guard<std::mutex> lock(entries_mutex);
   ExpectOrderPerGiver(entries, givers, per_giver);
@@ -288,7 +266,7 @@ TEST(CConnectionStrandTest, RunOrPostOnAnIdleStrandRunsOnTheCallerBeforeItReturn
 TEST(CConnectionStrandTest, RunningForCallerIsFalseInHandlersRunByTheIoThreads) {
   IoThreads io(4);
   CConnectionStrand strand(io.context);
-  Signal done;
+  Latch done;
   std::thread::id ran_on;
   bool for_caller = true;
   bool inside = false;
@@ -296,9 +274,9 @@ TEST(CConnectionStrandTest, RunningForCallerIsFalseInHandlersRunByTheIoThreads) 
     ran_on = std::this_thread::get_id();
     for_caller = CConnectionStrand::running_for_caller();
     inside = strand.running_in_this_thread();
-    done.notify();
+    done.Open();
   });
-  ASSERT_TRUE(done.wait());
+  ASSERT_TRUE(done.Wait());
   EXPECT_TRUE(io.is_io_thread(ran_on));
   EXPECT_FALSE(for_caller);
   EXPECT_TRUE(inside);
@@ -307,8 +285,8 @@ TEST(CConnectionStrandTest, RunningForCallerIsFalseInHandlersRunByTheIoThreads) 
 TEST(CConnectionStrandTest, RunOrPostWhileAHandlerRunsElsewhereRunsLaterOnAnIoThreadInOrder) {
   IoThreads io(4);
   CConnectionStrand strand(io.context);
-  Signal blocking_started;
-  Signal release;
+  Latch blocking_started;
+  Latch release;
   std::mutex order_mutex;
   std::vector<int> order;
   auto record = [&](int what) {
@@ -316,11 +294,11 @@ TEST(CConnectionStrandTest, RunOrPostWhileAHandlerRunsElsewhereRunsLaterOnAnIoTh
     order.push_back(what);
   };
   boost::asio::post(strand, [&] {
-    blocking_started.notify();
-    EXPECT_TRUE(release.wait());
+    blocking_started.Open();
+    EXPECT_TRUE(release.Wait());
     record(0);
   });
-  ASSERT_TRUE(blocking_started.wait());
+  ASSERT_TRUE(blocking_started.Wait());
 
   const std::thread::id caller = std::this_thread::get_id();
   std::atomic<int> ran{0};
@@ -338,8 +316,8 @@ TEST(CConnectionStrandTest, RunOrPostWhileAHandlerRunsElsewhereRunsLaterOnAnIoTh
   }
   // Neither may have run: the strand is busy on an I/O thread.
   EXPECT_EQ(0, ran.load());
-  release.notify();
-  ASSERT_TRUE(done.wait());
+  release.Open();
+  ASSERT_TRUE(done.Wait());
   for (int i = 0; i < 2; ++i) {
     EXPECT_NE(caller, ran_on[i]);
     EXPECT_TRUE(io.is_io_thread(ran_on[i]));
@@ -376,7 +354,7 @@ TEST(CConnectionStrandTest, WhatARunOrPostHandlerPostsIsNotRunNestedButAfterward
   });
   ASSERT_TRUE(outer_done.load());
   EXPECT_FALSE(inner_ran_inside_outer);
-  ASSERT_TRUE(inner_done.wait());
+  ASSERT_TRUE(inner_done.Wait());
   for (int i = 0; i < 2; ++i) {
     EXPECT_TRUE(inner_saw_outer_done[i]) << i;
     EXPECT_TRUE(io.is_io_thread(inner_on[i])) << i;
@@ -402,7 +380,7 @@ TEST(CConnectionStrandTest, WhatARunOrPostHandlerPostsWaitsForTheIoThreads) {
   {
     RunThread runner(context);
     io_id = runner.id();
-    EXPECT_TRUE(runner.returned.wait());
+    EXPECT_TRUE(runner.returned.Wait());
   }
   EXPECT_TRUE(posted_ran);
   EXPECT_EQ(io_id, posted_on);
@@ -411,7 +389,7 @@ TEST(CConnectionStrandTest, WhatARunOrPostHandlerPostsWaitsForTheIoThreads) {
 TEST(CConnectionStrandTest, DispatchInsideAHandlerRunsAtOnceNested) {
   IoThreads io(4);
   CConnectionStrand strand(io.context);
-  Signal done;
+  Latch done;
   std::vector<int> order;  // touched only on the strand
   bool inside_nested = false;
   bool ran_before_dispatch_returned = false;
@@ -419,7 +397,7 @@ TEST(CConnectionStrandTest, DispatchInsideAHandlerRunsAtOnceNested) {
     order.push_back(1);
     boost::asio::post(strand, [&] {
       order.push_back(4);
-      done.notify();
+      done.Open();
     });
     bool nested_ran = false;
     boost::asio::dispatch(strand, [&] {
@@ -430,7 +408,7 @@ TEST(CConnectionStrandTest, DispatchInsideAHandlerRunsAtOnceNested) {
     ran_before_dispatch_returned = nested_ran;
     order.push_back(3);
   });
-  ASSERT_TRUE(done.wait());
+  ASSERT_TRUE(done.Wait());
   EXPECT_TRUE(ran_before_dispatch_returned);
   EXPECT_TRUE(inside_nested);
   EXPECT_EQ((std::vector<int>{1, 2, 3, 4}), order);
@@ -455,21 +433,21 @@ TEST(CConnectionStrandTest, RunningInThisThreadIsTrueOnlyInsideTheStrandsOwnHand
     other_in_own = other.running_in_this_thread();
     done.count_down();
   });
-  ASSERT_TRUE(done.wait());
+  ASSERT_TRUE(done.Wait());
   EXPECT_TRUE(in_own_handler);
   EXPECT_FALSE(in_others_handler);
   EXPECT_TRUE(other_in_own);
 
   // An I/O thread that has run a handler of the strand is outside it afterwards.
-  Signal plain_done;
+  Latch plain_done;
   bool in_plain_handler = true;
   boost::asio::post(strand, [&] {
     boost::asio::post(io.context, [&] {
       in_plain_handler = strand.running_in_this_thread();
-      plain_done.notify();
+      plain_done.Open();
     });
   });
-  ASSERT_TRUE(plain_done.wait());
+  ASSERT_TRUE(plain_done.Wait());
   EXPECT_FALSE(in_plain_handler);
   EXPECT_FALSE(strand.running_in_this_thread());
 }
@@ -478,7 +456,7 @@ TEST(CConnectionStrandTest, DispatchFromAnIdleIoThreadRunsAtOnceAndFromOutsideIs
   IoThreads io(4);
   CConnectionStrand strand(io.context);
 
-  Signal io_done;
+  Latch io_done;
   bool ran_before_return = false;
   bool inside = false;
   boost::asio::post(io.context, [&] {
@@ -488,19 +466,19 @@ TEST(CConnectionStrandTest, DispatchFromAnIdleIoThreadRunsAtOnceAndFromOutsideIs
       inside = strand.running_in_this_thread();
     });
     ran_before_return = ran;
-    io_done.notify();
+    io_done.Open();
   });
-  ASSERT_TRUE(io_done.wait());
+  ASSERT_TRUE(io_done.Wait());
   EXPECT_TRUE(ran_before_return);
   EXPECT_TRUE(inside);
 
-  Signal outside_done;
+  Latch outside_done;
   std::thread::id ran_on;
   boost::asio::dispatch(strand, [&] {
     ran_on = std::this_thread::get_id();
-    outside_done.notify();
+    outside_done.Open();
   });
-  ASSERT_TRUE(outside_done.wait());
+  ASSERT_TRUE(outside_done.Wait());
   EXPECT_NE(std::this_thread::get_id(), ran_on);
   EXPECT_TRUE(io.is_io_thread(ran_on));
 }
@@ -532,7 +510,7 @@ TEST(CConnectionStrandTest, TimerCompletionsBoundToTheStrandNeverOverlapItsPoste
       done.count_down();
     });
   }
-  ASSERT_TRUE(done.wait());
+  ASSERT_TRUE(done.Wait());
   EXPECT_EQ(1, meter.most_at_once());
   EXPECT_EQ(0, timer_handlers_outside.load());
 }
@@ -540,35 +518,35 @@ TEST(CConnectionStrandTest, TimerCompletionsBoundToTheStrandNeverOverlapItsPoste
 TEST(CConnectionStrandTest, TimerCompletionBoundToTheStrandWaitsForTheRunningHandler) {
   IoThreads io(4);
   CConnectionStrand strand(io.context);
-  Signal blocking_started;
-  Signal release;
+  Latch blocking_started;
+  Latch release;
   std::atomic<bool> blocking_done{false};
   bool timer_saw_blocking_done = false;
-  Signal timer_done;
+  Latch timer_done;
   boost::asio::steady_timer timer(io.context);
   boost::asio::post(strand, [&] {
-    blocking_started.notify();
-    EXPECT_TRUE(release.wait());
+    blocking_started.Open();
+    EXPECT_TRUE(release.Wait());
     blocking_done = true;
   });
-  ASSERT_TRUE(blocking_started.wait());
+  ASSERT_TRUE(blocking_started.Wait());
   timer.expires_after(std::chrono::milliseconds(0));
   timer.async_wait(boost::asio::bind_executor(strand, [&](const boost::system::error_code&) {
     timer_saw_blocking_done = blocking_done.load();
-    timer_done.notify();
+    timer_done.Open();
   }));
   // The timer has expired; its completion must still wait for the strand.
-  EXPECT_FALSE(timer_done.wait(std::chrono::milliseconds(20)));
-  release.notify();
-  ASSERT_TRUE(timer_done.wait());
+  EXPECT_FALSE(timer_done.Wait(20));
+  release.Open();
+  ASSERT_TRUE(timer_done.Wait());
   EXPECT_TRUE(timer_saw_blocking_done);
 }
 
 TEST(CConnectionStrandTest, IoContextRunDoesNotReturnWhileTheStrandHasWorkQueued) {
   boost::asio::io_context context;  // no work guard: only the strand keeps run() going
   CConnectionStrand strand(context);
-  Signal run_entered;
-  boost::asio::post(context, [&] { run_entered.notify(); });
+  Latch run_entered;
+  boost::asio::post(context, [&] { run_entered.Open(); });
   bool posted_ran = false;
   std::unique_ptr<RunThread> runner;
   bool returned_while_queued = true;
@@ -577,12 +555,12 @@ TEST(CConnectionStrandTest, IoContextRunDoesNotReturnWhileTheStrandHasWorkQueued
     // no handler of the io_context behind it yet.
     boost::asio::post(strand, [&] { posted_ran = true; });
     runner.reset(new RunThread(context));
-    ASSERT_TRUE(run_entered.wait());
-    returned_while_queued = runner->returned.wait(std::chrono::milliseconds(20));
+    ASSERT_TRUE(run_entered.Wait());
+    returned_while_queued = runner->returned.Wait(20);
   });
   EXPECT_FALSE(returned_while_queued);
   // Once the strand has run what was queued, run() has nothing left and returns.
-  EXPECT_TRUE(runner->returned.wait());
+  EXPECT_TRUE(runner->returned.Wait());
   runner.reset();
   EXPECT_TRUE(posted_ran);
 }
@@ -596,7 +574,7 @@ TEST(CConnectionStrandTest, IoContextRunReturnsOnceTheStrandHasFinished) {
   ASSERT_TRUE(ran);
   {
     RunThread runner(context);
-    EXPECT_TRUE(runner.returned.wait());
+    EXPECT_TRUE(runner.returned.Wait());
   }
 
   // Handlers given every way, also from handlers: run() returns after the last.
@@ -612,8 +590,8 @@ TEST(CConnectionStrandTest, IoContextRunReturnsOnceTheStrandHasFinished) {
   {
     RunThread first(context);
     RunThread second(context);
-    EXPECT_TRUE(first.returned.wait());
-    EXPECT_TRUE(second.returned.wait());
+    EXPECT_TRUE(first.returned.Wait());
+    EXPECT_TRUE(second.returned.Wait());
   }
   EXPECT_EQ(300, count.load());
 }
@@ -623,7 +601,7 @@ TEST(CConnectionStrandTest, RunOrPostFromAnIoThreadIsPostedEvenOnAnIdleStrand) {
   CConnectionStrand first(io.context);
   CConnectionStrand second(io.context);
 
-  Signal done;
+  Latch done;
   std::atomic<bool> ran{false};
   bool ran_before_return = true;
   bool ran_for_caller = true;
@@ -631,11 +609,11 @@ TEST(CConnectionStrandTest, RunOrPostFromAnIoThreadIsPostedEvenOnAnIdleStrand) {
     second.run_or_post([&] {
       ran_for_caller = CConnectionStrand::running_for_caller();
       ran = true;
-      done.notify();
+      done.Open();
     });
     ran_before_return = ran.load();
   });
-  ASSERT_TRUE(done.wait());
+  ASSERT_TRUE(done.Wait());
   EXPECT_FALSE(ran_before_return);
   EXPECT_FALSE(ran_for_caller);
 }
@@ -672,9 +650,9 @@ TEST(CConnectionStrandTest, AHandlerThatThrowsOnTheCallerLeavesTheStrandUsable) 
   bool ran_at_once = false;
   strand.run_or_post([&] { ran_at_once = true; });
   EXPECT_TRUE(ran_at_once);
-  Signal posted_ran;
-  boost::asio::post(strand, [&] { posted_ran.notify(); });
-  EXPECT_TRUE(posted_ran.wait());
+  Latch posted_ran;
+  boost::asio::post(strand, [&] { posted_ran.Open(); });
+  EXPECT_TRUE(posted_ran.Wait());
 }
 
 TEST(CConnectionStrandTest, TwoStrandsCallingIntoEachOtherFromTheirHandlersRunEverythingOneAtATime) {
@@ -710,7 +688,7 @@ TEST(CConnectionStrandTest, TwoStrandsCallingIntoEachOtherFromTheirHandlersRunEv
       done.count_down();
     });
   }
-  ASSERT_TRUE(done.wait());
+  ASSERT_TRUE(done.Wait());
   EXPECT_EQ(1, first_meter.most_at_once());
   EXPECT_EQ(1, second_meter.most_at_once());
 }

@@ -4,8 +4,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +13,7 @@
 #include "base/rpc/rpcspdyserverconnection.h"
 #include "base/rpc/rpcstreamconnection.h"
 #include "base/rpc/rpcversionexchange.h"
+#include "tests/support/latch.h"
 #include "tests/support/rawtlspeer.h"
 #include "tests/support/rpctestenvironment.h"
 #include "tests/support/testcertificates.h"
@@ -24,6 +23,7 @@ namespace base {
 namespace {
 
 using test::GetTestIdentity;
+using test::Latch;
 using test::RawFrame;
 using test::RawTlsPeer;
 using test::RpcTestEnvironment;
@@ -41,25 +41,6 @@ void AnswerDone(const StreamPtr& stream) {
   stream->SendResponseHeaders(headers);
   stream->Write("done", 4);
 }
-
-// A one-shot signal between a handler thread and the test.
-class Latch {
- public:
-  void Open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-  bool Wait(int milliseconds = 5000) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(milliseconds), [&]() { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool open_ = false;
-};
 
 RPCConnectionHeaders RequestHeaders(const std::string& function = "3600") {
   RPCConnectionHeaders headers;

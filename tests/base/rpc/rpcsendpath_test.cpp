@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <string>
@@ -16,6 +15,7 @@
 
 #include "base/rpc/rpcframe.h"
 #include "base/rpc/rpcstreamconnection.h"
+#include "tests/support/latch.h"
 #include "tests/support/rawtlspeer.h"
 #include "tests/support/rpctestenvironment.h"
 #include "tests/support/testcertificates.h"
@@ -25,30 +25,12 @@ namespace base {
 namespace {
 
 using test::GetTestIdentity;
+using test::Latch;
 using test::RawFrame;
 using test::RawTlsPeer;
 using test::RpcTestEnvironment;
 
 typedef boost::shared_ptr<CLogicalConnectionStream> StreamPtr;
-
-// A one-shot signal between handler threads and the test.
-class Latch {
- public:
-  void Open() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-  bool Wait(int milliseconds = 5000) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::milliseconds(milliseconds), [&]() { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool open_ = false;
-};
 
 RPCConnectionHeaders RequestHeaders() {
   RPCConnectionHeaders headers;
