@@ -248,6 +248,13 @@ bool RawTlsPeer::Sync(uint32_t id) {
   return false;
 }
 
+base::RPCConnectionHeaders RawTlsPeer::RequestHeaders(const std::string& function) {
+  base::RPCConnectionHeaders headers;
+  headers[base::RPC_HEADER_CLASS] = "1";
+  headers[base::RPC_HEADER_FUNCTION] = function;
+  return headers;
+}
+
 std::vector<uint8_t> RawTlsPeer::SynStreamPayload(uint32_t stream_id, const base::RPCConnectionHeaders& headers) {
   base::CNetworkBuffer* buffer = base::CNetworkBuffer::Allocate();
   base::pack_syn_stream(buffer, stream_id, 0, base::SPDY_DEFAULT_PRIORITY);

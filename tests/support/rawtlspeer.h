@@ -80,6 +80,8 @@ class RawTlsPeer {
   bool Sync(uint32_t id = 101);
   const std::deque<RawFrame>& kept_frames() const { return kept_frames_; }
 
+  // The headers of a request stream: class 1 and the RPC number `function`.
+  static base::RPCConnectionHeaders RequestHeaders(const std::string& function = "3600");
   // Payloads built with the frame codec.
   static std::vector<uint8_t> SynStreamPayload(uint32_t stream_id, const base::RPCConnectionHeaders& headers);
   static std::vector<uint8_t> StreamIdPayload(uint32_t stream_id, const base::RPCConnectionHeaders& headers);

@@ -21,13 +21,6 @@ using test::RawTlsPeer;
 
 typedef boost::shared_ptr<CLogicalConnectionStream> StreamPtr;
 
-RPCConnectionHeaders RequestHeaders() {
-  RPCConnectionHeaders headers;
-  headers[RPC_HEADER_CLASS] = "1";
-  headers[RPC_HEADER_FUNCTION] = "3600";
-  return headers;
-}
-
 // The server under test, whose handlers return at once, with a raw client in front.
 class StreamTableTest : public ::testing::Test {
  protected:
@@ -39,7 +32,7 @@ class StreamTableTest : public ::testing::Test {
   }
 
   void OpenStream(uint32_t id) {
-    ASSERT_TRUE(peer.SendControl(SPDY_SYN_STREAM, 0, RawTlsPeer::SynStreamPayload(id, RequestHeaders())));
+    ASSERT_TRUE(peer.SendControl(SPDY_SYN_STREAM, 0, RawTlsPeer::SynStreamPayload(id, RawTlsPeer::RequestHeaders())));
   }
 
   // Opens stream `id` and reads the three frames of its handler's dropped stream:

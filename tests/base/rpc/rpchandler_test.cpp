@@ -40,6 +40,7 @@ namespace {
 using test::Bytes;
 using test::Chars;
 using test::Join;
+using test::RawTlsPeer;
 
 typedef boost::shared_ptr<CLogicalConnectionStream> StreamPtr;
 
@@ -312,13 +313,6 @@ void Feed(IReceiveStream& stream, const Bytes& bytes, bool endOfSegment) {
   } while (offset < bytes.size());
 }
 
-RPCConnectionHeaders RequestHeaders(unsigned short number) {
-  RPCConnectionHeaders headers;
-  headers[RPC_HEADER_CLASS] = "1";
-  headers[RPC_HEADER_FUNCTION] = std::to_string(number);
-  return headers;
-}
-
 class HandlerExecuteTest : public ::testing::Test {
  protected:
   // How the peer's side of the stream ends after the segments.
@@ -330,7 +324,8 @@ class HandlerExecuteTest : public ::testing::Test {
   void Run(unsigned short number, const std::vector<Bytes>& segments, Ending ending = Ending::Closed,
            bool lastMarked = true, const RPCConnectionHeaders& headers = RPCConnectionHeaders(),
            uint64_t threadContext = 0) {
-    RPCConnectionHeaders requestHeaders = headers.empty() ? RequestHeaders(number) : headers;
+    RPCConnectionHeaders requestHeaders =
+        headers.empty() ? RawTlsPeer::RequestHeaders(std::to_string(number)) : headers;
     CRefPtr<GenericRPCHandler<unsigned short>> handler = server.MakeHandler(number, requestHeaders, connection);
     ASSERT_TRUE(handler);
     if (threadContext != 0) handler->set_thread_context(threadContext);
@@ -543,7 +538,7 @@ std::vector<std::string> ExecuteEvents() {
 }
 
 RPCConnectionHeaders HeadersWithContext(unsigned short number) {
-  RPCConnectionHeaders headers = RequestHeaders(number);
+  RPCConnectionHeaders headers = RawTlsPeer::RequestHeaders(std::to_string(number));
   headers[RPC_HEADER_CONTEXT] = std::string(16, '\x5a');
   return headers;
 }
@@ -581,7 +576,8 @@ TEST(HandlerEventsTest, EventsOfAShape2Call) {
     GetModuleHandlerTest();
     boost::shared_ptr<FakeLogicalConnection> connection = boost::make_shared<FakeLogicalConnection>();
     CRefPtr<GenericRPCHandler<unsigned short>> handler =
-        server.MakeHandler(TestServer::kEchoFile, RequestHeaders(TestServer::kEchoFile), connection);
+        server.MakeHandler(TestServer::kEchoFile,
+                           RawTlsPeer::RequestHeaders(std::to_string(TestServer::kEchoFile)), connection);
     Feed(*handler->get_stream(), test::EncodeRecord(Request(kSucceed, "hi")), true);
     Feed(*handler->get_stream(), Pattern(0x1234), true);
     handler->get_stream()->recv_closed();
@@ -608,7 +604,8 @@ TEST(HandlerEventsTest, EventsOfAFailedFunction) {
     GetModuleHandlerTest();
     boost::shared_ptr<FakeLogicalConnection> connection = boost::make_shared<FakeLogicalConnection>();
     CRefPtr<GenericRPCHandler<unsigned short>> handler =
-        server.MakeHandler(TestServer::kEcho, RequestHeaders(TestServer::kEcho), connection);
+        server.MakeHandler(TestServer::kEcho, RawTlsPeer::RequestHeaders(std::to_string(TestServer::kEcho)),
+                           connection);
     Feed(*handler->get_stream(), test::EncodeRecord(Request(kFailWithText, "bad")), true);  // 11 bytes
     handler->get_stream()->recv_closed();
     handler->Execute();
@@ -631,7 +628,8 @@ TEST(HandlerEventsTest, EventsOfARequestThatCannotBeRead) {
     GetModuleHandlerTest();
     boost::shared_ptr<FakeLogicalConnection> connection = boost::make_shared<FakeLogicalConnection>();
     CRefPtr<GenericRPCHandler<unsigned short>> handler =
-        server.MakeHandler(TestServer::kEcho, RequestHeaders(TestServer::kEcho), connection);
+        server.MakeHandler(TestServer::kEcho, RawTlsPeer::RequestHeaders(std::to_string(TestServer::kEcho)),
+                           connection);
     Feed(*handler->get_stream(), Bytes{0, 0}, true);
     handler->get_stream()->recv_closed();
     handler->Execute();
@@ -653,7 +651,8 @@ TEST(HandlerEventsTest, EventsOfAFileThatCannotBeMade) {
     GetModuleHandlerTest();
     boost::shared_ptr<FakeLogicalConnection> connection = boost::make_shared<FakeLogicalConnection>();
     CRefPtr<GenericRPCHandler<unsigned short>> handler =
-        server.MakeHandler(TestServer::kEchoFile, RequestHeaders(TestServer::kEchoFile), connection);
+        server.MakeHandler(TestServer::kEchoFile,
+                           RawTlsPeer::RequestHeaders(std::to_string(TestServer::kEchoFile)), connection);
     Feed(*handler->get_stream(), test::EncodeRecord(Request(kSucceed, "hi")), true);
     Feed(*handler->get_stream(), Pattern(10), true);
     handler->get_stream()->recv_closed();
@@ -676,7 +675,8 @@ TEST(HandlerEventsTest, EventsOfAResponseThatCannotBeWritten) {
     boost::shared_ptr<FakeLogicalConnection> connection = boost::make_shared<FakeLogicalConnection>();
     connection->refuseBuffers = true;
     CRefPtr<GenericRPCHandler<unsigned short>> handler =
-        server.MakeHandler(TestServer::kEcho, RequestHeaders(TestServer::kEcho), connection);
+        server.MakeHandler(TestServer::kEcho, RawTlsPeer::RequestHeaders(std::to_string(TestServer::kEcho)),
+                           connection);
     Feed(*handler->get_stream(), test::EncodeRecord(Request(kSucceed, "hi")), true);
     handler->get_stream()->recv_closed();
     handler->Execute();
@@ -712,7 +712,7 @@ TEST(HandlerEventsTest, ContextOfTheWrongSizeIsNotAttached) {
     TestServer server;
     GetModuleHandlerTest();
     boost::shared_ptr<FakeLogicalConnection> connection = boost::make_shared<FakeLogicalConnection>();
-    RPCConnectionHeaders headers = RequestHeaders(TestServer::kEcho);
+    RPCConnectionHeaders headers = RawTlsPeer::RequestHeaders(std::to_string(TestServer::kEcho));
     headers[RPC_HEADER_CONTEXT] = std::string(15, '\x5a');
     CRefPtr<GenericRPCHandler<unsigned short>> handler = server.MakeHandler(TestServer::kEcho, headers, connection);
     Feed(*handler->get_stream(), test::EncodeRecord(Request(kSucceed, "hi")), true);
@@ -989,7 +989,7 @@ class HandlerWireTest : public HandlerDispatchTest {
   // Opens stream 1 with header 2 = 3600 and sends `body` as one data frame with
   // `flags`.
   void Send(const Bytes& body, uint8_t flags) {
-    ASSERT_TRUE(peer.SendControl(SPDY_SYN_STREAM, 0, test::RawTlsPeer::SynStreamPayload(1, RequestHeaders(3600))));
+    ASSERT_TRUE(peer.SendControl(SPDY_SYN_STREAM, 0, RawTlsPeer::SynStreamPayload(1, RawTlsPeer::RequestHeaders())));
     ASSERT_TRUE(peer.SendData(1, flags, body));
   }
 
@@ -1068,7 +1068,7 @@ TEST_F(HandlerWireTest, RecordEndingEarlyIsRstStreamStatus5WithNoResponseBeforeO
 }
 
 TEST_F(HandlerWireTest, UnknownNumberIsRstStreamStatus3) {
-  RPCConnectionHeaders headers = RequestHeaders(3600);
+  RPCConnectionHeaders headers = RawTlsPeer::RequestHeaders(std::to_string(3600));
   headers[RPC_HEADER_FUNCTION] = "3600x";
   ASSERT_TRUE(peer.SendControl(SPDY_SYN_STREAM, FLAG_FIN, test::RawTlsPeer::SynStreamPayload(1, headers)));
   std::vector<test::RawFrame> frames = StreamFrames();

@@ -42,13 +42,6 @@ void AnswerDone(const StreamPtr& stream) {
   stream->Write("done", 4);
 }
 
-RPCConnectionHeaders RequestHeaders(const std::string& function = "3600") {
-  RPCConnectionHeaders headers;
-  headers[RPC_HEADER_CLASS] = "1";
-  headers[RPC_HEADER_FUNCTION] = function;
-  return headers;
-}
-
 std::vector<uint8_t> Bytes(const std::string& text) { return std::vector<uint8_t>(text.begin(), text.end()); }
 
 // The server under test with a raw client in front of it.
@@ -64,7 +57,7 @@ class RawClientTest : public ::testing::Test {
   }
   void StartAndHandshake() { StartAndHandshake(environment.ServerParameters()); }
 
-  void OpenStream(uint32_t id, uint8_t flags = 0, const RPCConnectionHeaders& headers = RequestHeaders()) {
+  void OpenStream(uint32_t id, uint8_t flags = 0, const RPCConnectionHeaders& headers = RawTlsPeer::RequestHeaders()) {
     ASSERT_TRUE(peer.SendControl(SPDY_SYN_STREAM, flags, RawTlsPeer::SynStreamPayload(id, headers)));
   }
 
@@ -773,7 +766,7 @@ TEST_F(RawServerTest, RstStreamFromTheServerFailsTheCallWithItsStatusAndReset) {
 TEST_F(RawServerTest, StreamOpenedByTheServerIsRefusedByTheClientFactory) {
   Serve([&](RawTlsPeer& raw) {
     if (AcceptAndAnswer(raw)) {
-      raw.SendControl(SPDY_SYN_STREAM, 0, RawTlsPeer::SynStreamPayload(2, RequestHeaders()));
+      raw.SendControl(SPDY_SYN_STREAM, 0, RawTlsPeer::SynStreamPayload(2, RawTlsPeer::RequestHeaders()));
       raw.ReadFrame(answer);
       raw.WaitForEnd();
     }

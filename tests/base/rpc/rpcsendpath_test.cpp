@@ -32,13 +32,6 @@ using test::RpcTestEnvironment;
 
 typedef boost::shared_ptr<CLogicalConnectionStream> StreamPtr;
 
-RPCConnectionHeaders RequestHeaders() {
-  RPCConnectionHeaders headers;
-  headers[RPC_HEADER_CLASS] = "1";
-  headers[RPC_HEADER_FUNCTION] = "3600";
-  return headers;
-}
-
 // The frames in the plaintext of one record; fails the test on a partial frame.
 std::vector<RawFrame> FramesOf(const std::vector<uint8_t>& record) {
   std::vector<RawFrame> frames;
@@ -71,7 +64,8 @@ class SendPathTest : public ::testing::Test {
   }
 
   void OpenStream(uint32_t id, uint8_t flags) {
-    ASSERT_TRUE(peer.SendControl(SPDY_SYN_STREAM, flags, RawTlsPeer::SynStreamPayload(id, RequestHeaders())));
+    ASSERT_TRUE(
+        peer.SendControl(SPDY_SYN_STREAM, flags, RawTlsPeer::SynStreamPayload(id, RawTlsPeer::RequestHeaders())));
   }
 
   // Shared with handler threads; declared before the environment, which joins
