@@ -602,20 +602,28 @@ TEST(CConnectionStrandTest, RunOrPostFromAnIoThreadIsPostedEvenOnAnIdleStrand) {
   CConnectionStrand second(io.context);
 
   Latch done;
-  std::atomic<bool> ran{false};
-  bool ran_before_return = true;
-  bool ran_for_caller = true;
+  Latch caller_done;
+  // Set on the calling I/O thread while its run_or_post has not returned: a handler
+  // run at once would see it set on that same thread. Another I/O thread may run
+  // the posted handler at any time, also before the call returns.
+  std::atomic<bool> inside_call{false};
+  std::atomic<bool> ran_inside_call{true};
+  std::atomic<bool> ran_for_caller{true};
   boost::asio::post(first, [&] {
-    second.run_or_post([&] {
+    const std::thread::id caller = std::this_thread::get_id();
+    inside_call = true;
+    second.run_or_post([&, caller] {
+      ran_inside_call = inside_call.load() && std::this_thread::get_id() == caller;
       ran_for_caller = CConnectionStrand::running_for_caller();
-      ran = true;
       done.Open();
     });
-    ran_before_return = ran.load();
+    inside_call = false;
+    caller_done.Open();
   });
+  ASSERT_TRUE(caller_done.Wait());
   ASSERT_TRUE(done.Wait());
-  EXPECT_FALSE(ran_before_return);
-  EXPECT_FALSE(ran_for_caller);
+  EXPECT_FALSE(ran_inside_call.load());
+  EXPECT_FALSE(ran_for_caller.load());
 }
 
 TEST(CConnectionStrandTest, AHandlerRunOnTheCallerMayRunAnotherStrandsHandlerNested) {
