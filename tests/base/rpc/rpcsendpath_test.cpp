@@ -78,13 +78,20 @@ class SendPathTest : public ::testing::Test {
 };
 
 TEST_F(SendPathTest, AnswerAndEndOfStreamLeaveInOneRecord) {
-  environment.server_factory.SetHandler([](const StreamPtr& stream, const RPCConnectionHeaders&) {
+  environment.server_factory.SetHandler([this](const StreamPtr& stream, const RPCConnectionHeaders&) {
+    // The answer begins once the connection is idle, so that the worker sends it on
+    // its own thread.
+    release.Wait();
     RPCConnectionHeaders headers;
     stream->SendResponseHeaders(headers);
     stream->Write("done", 4);
     // Dropping the stream ends it: the answer's last frame and FLAG_FIN.
   });
   OpenStream(1, FLAG_FIN);
+  ASSERT_TRUE(peer.Sync());
+  ASSERT_TRUE(peer.kept_frames().empty());
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  release.Open();
 
   std::vector<uint8_t> record;
   ASSERT_TRUE(peer.ReadRecord(record));
