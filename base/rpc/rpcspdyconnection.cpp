@@ -414,6 +414,10 @@ void CSpdyConnection::remove_connection(uint32_t stream_id) {
   // Every removal looks whether a closing connection has now finished: the last
   // stream may end by a frame of the peer as well as by one of this side.
   streams.erase(stream_id);
+  stop_if_finished();
+}
+
+void CSpdyConnection::stop_if_finished() {
   if (closing && !writing && streams.empty()) stop();
 }
 

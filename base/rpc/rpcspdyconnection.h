@@ -132,6 +132,8 @@ class CSpdyConnection : public IPhysicalConnection {
   void send_terminate(uint32_t stream_id, uint32_t status);
   void reset_stream(uint32_t stream_id, uint32_t status);
   void remove_connection(uint32_t stream_id);
+  // A closing connection with no write on its way and no stream left stops.
+  void stop_if_finished();
   void signal_connection_closing();
   void signal_connection_closed();
   void init_created_connection(const boost::shared_ptr<CLogicalConnection>& logical);
@@ -191,8 +193,9 @@ class CSpdyConnection : public IPhysicalConnection {
   // Set while a worker's message end or stream end is handled on the worker's own
   // thread: the write happens there at once instead of being posted.
   bool write_at_once = false;
-  // Set while a worker's full data frame is handled on its thread: the write is
-  // posted to the I/O threads at once rather than left for the worker's next frame.
+  // Set while a worker's full data frame, or an acknowledgement beyond the held
+  // limit, is handled on its thread: the write is posted to the I/O threads at once
+  // rather than left for the worker's next message.
   bool write_soon = false;
   // Bytes acknowledged by window updates that wait in `outgoing` for a write.
   uint64_t held_acknowledgements = 0;

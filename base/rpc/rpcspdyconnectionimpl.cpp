@@ -19,7 +19,6 @@
 #include <algorithm>
 #include <chrono>
 #include <boost/asio/connect.hpp>
-#include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
@@ -612,21 +611,21 @@ void CSpdyConnectionImpl<Stream>::start_write() {
   // A write under way takes what gathered meanwhile when it completes.
   if (write_in_flight) return;
   if (outgoing.empty()) {
-    if (!writing && closing && streams.empty()) stop();
+    stop_if_finished();
     return;
   }
   if (write_at_once) {
-    // A worker's data frame, handled on the worker's thread: the bytes leave from
-    // here. A write posted earlier (for a window update, say) then finds nothing
-    // left to do.
+    // A worker's message end or stream end, handled on the worker's thread: the
+    // bytes leave from here. A write posted earlier (for a window update, say) then
+    // finds nothing left to do.
     if (!write_outgoing_at_once()) write_outgoing();
     return;
   }
   if (write_posted) return;
   if (CConnectionStrand::running_for_caller() && !write_soon) {
     if (flush_armed) return;
-    // A worker's other frames (headers, window updates, the FLAG_FIN behind the
-    // last data) wait for its next data frame, which takes them along, or for a
+    // A worker's other frames (headers, acknowledgements, a data frame held for
+    // its FLAG_FIN) wait for its next message, which takes them along, or for a
     // short timer, which wakes an I/O thread only when nothing else has sent them.
     arm_flush_timer();
     return;
@@ -635,7 +634,7 @@ void CSpdyConnectionImpl<Stream>::start_write() {
   // that the frames of a burst (a request's SYN_STREAM, data and FLAG_FIN, say)
   // leave together. `writing` covers the wait, as it covers the write.
   write_posted = true;
-  writing = true;
+  update_writing();
   boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
   boost::asio::post(strand, [self]() { self->handle_posted_write(); });
 }
@@ -675,8 +674,8 @@ bool CSpdyConnectionImpl<Stream>::write_outgoing_at_once() {
   held_acknowledgements = 0;
   if (error) {
     stop();
-  } else if (!writing && closing && streams.empty()) {
-    stop();
+  } else {
+    stop_if_finished();
   }
   return true;
 }
@@ -684,7 +683,7 @@ bool CSpdyConnectionImpl<Stream>::write_outgoing_at_once() {
 template <class Stream>
 void CSpdyConnectionImpl<Stream>::arm_flush_timer() {
   flush_armed = true;
-  writing = true;
+  update_writing();
   flush_timer.expires_after(kLazyFlushDelay);
   boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
   // Never cancelled: a stop lets it run out, and what it finds still goes out (or
@@ -726,7 +725,7 @@ void CSpdyConnectionImpl<Stream>::write_outgoing() {
   if (outgoing.empty()) {
     // Taken by a write started meanwhile, which has completed.
     update_writing();
-    if (!writing && closing && streams.empty()) stop();
+    stop_if_finished();
     return;
   }
   // Everything gathered so far goes out in one write; what is queued meanwhile
@@ -735,7 +734,7 @@ void CSpdyConnectionImpl<Stream>::write_outgoing() {
   outgoing.clear();
   held_acknowledgements = 0;
   write_in_flight = true;
-  writing = true;
+  update_writing();
   boost::shared_ptr<CSpdyConnectionImpl> self = this->shared_from_this();
   boost::asio::async_write(*socket, boost::asio::buffer(in_flight),
                            on_strand([self](const boost::system::error_code& error, std::size_t) {

@@ -109,8 +109,8 @@ class CSpdyConnectionImpl : public CSpdyConnection,
   // and the socket's send queue is empty; false if they must take the asynchronous
   // way.
   bool write_outgoing_at_once();
-  // A worker's frames other than data wait for its next data frame, or for this
-  // timer; any thread that writes takes them along.
+  // A worker's frames that need not leave at once wait for its next message, or for
+  // this timer; any thread that writes takes them along.
   void arm_flush_timer();
   void handle_flush_timer();
   // `writing` is true while a write is posted, under way or waiting for the timer.
