@@ -285,6 +285,12 @@ void AddGoals(RunSummary& summary) {
   summary.AddRatio("RPC round trip median / raw ping-pong", "rpc_call_median_us", "raw_pingpong_median_us",
                    RunSummary::kAtMost, 1.7);
   summary.AddRatio("RPC round trip p99 / median", "rpc_call_p99_us", "rpc_call_median_us", RunSummary::kNoGoal, 0);
+  // What handing each message from a reading thread to a waiting one costs, without
+  // an engine: the least a call that reaches a worker and comes back can take here.
+  summary.AddRatio("hand-off ping-pong median / raw", "handoff_pingpong_median_us", "raw_pingpong_median_us",
+                   RunSummary::kNoGoal, 0);
+  summary.AddRatio("RPC round trip median / hand-off ping-pong", "rpc_call_median_us", "handoff_pingpong_median_us",
+                   RunSummary::kNoGoal, 0);
   summary.AddFigure("RPCs per second, 16 in flight", "rpc_16_in_flight_per_s", RunSummary::kNoGoal, 0);
   summary.AddFigure("RPCs per second, 64 in flight", "rpc_64_in_flight_per_s", RunSummary::kAtLeast, 20000);
   summary.AddRatio("upload / raw 16 KiB records", "rpc_upload_MBps", "raw_bulk_16k_MBps", RunSummary::kAtLeast, 0.3);

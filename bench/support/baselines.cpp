@@ -26,13 +26,14 @@ void RawTlsBulk(benchmark::State& state, const std::string& name, size_t bytes, 
   state.SetLabel(pair.Cipher());
 }
 
-void RawTlsPingPong(benchmark::State& state, size_t bytes, int count) {
+void RawTlsPingPong(benchmark::State& state, const std::string& name,
+                    std::vector<double> (RawTlsPair::*ping_pong)(size_t, int), size_t bytes, int count) {
   RawTlsPair pair;
   const double cpu_started = ProcessCpuMicroseconds();
   std::vector<double> times;
-  for (auto _ : state) times = pair.PingPong(bytes, count);
+  for (auto _ : state) times = (pair.*ping_pong)(bytes, count);
   if (times.size() != static_cast<size_t>(count)) state.SkipWithError("ping-pong failed");
-  ReportRoundTripFigures(state, "raw_pingpong", times, cpu_started);
+  ReportRoundTripFigures(state, name, times, cpu_started);
   state.SetLabel(pair.Cipher());
 }
 
@@ -49,7 +50,13 @@ void RegisterRawTlsBulk(size_t bytes, int iterations, bool frame_records) {
 }
 
 void RegisterRawTlsPingPong(size_t bytes, int count) {
-  benchmark::RegisterBenchmark("BM_RawTlsPingPong", RawTlsPingPong, bytes, count)
+  benchmark::RegisterBenchmark("BM_RawTlsPingPong", RawTlsPingPong, "raw_pingpong", &RawTlsPair::PingPong, bytes,
+                               count)
+      ->Unit(benchmark::kMillisecond)
+      ->UseRealTime()
+      ->Iterations(1);
+  benchmark::RegisterBenchmark("BM_RawTlsHandOffPingPong", RawTlsPingPong, "handoff_pingpong",
+                               &RawTlsPair::HandOffPingPong, bytes, count)
       ->Unit(benchmark::kMillisecond)
       ->UseRealTime()
       ->Iterations(1);

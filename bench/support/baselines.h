@@ -5,6 +5,7 @@
 //   raw_bulk_16k_MBps, raw_bulk_16k_cpu_us_per_MiB        (16 KiB records)
 //   raw_bulk_frames_MBps, raw_bulk_frames_cpu_us_per_MiB  (8-byte and 8192-byte records)
 //   raw_pingpong_median_us, raw_pingpong_p99_us, raw_pingpong_cpu_us_per_call
+//   handoff_pingpong_median_us, ... (the ping-pong with a thread hand-off on each end)
 // To be called once, from main.
 #pragma once
 
@@ -19,7 +20,8 @@ namespace bench {
 // `bulk_bytes` in 16 KiB records, `bulk_iterations` times; with `frame_records`
 // also "BM_RawTlsBulk/record:8192/header:8", the records a frame-per-write engine
 // would write (an 8-byte frame header and its 8192-byte payload as two records);
-// "BM_RawTlsPingPong" makes `round_trips` round trips of `round_trip_bytes`.
+// "BM_RawTlsPingPong" makes `round_trips` round trips of `round_trip_bytes`, and
+// "BM_RawTlsHandOffPingPong" as many with RawTlsPair::HandOffPingPong.
 struct RawTlsBaselines {
   size_t bulk_bytes;
   int bulk_iterations;

@@ -8,9 +8,9 @@
 // certificate files, made once per run in a temporary directory and removed at exit.
 //
 // RawTlsPair owns both sockets, both contexts and both TLS sessions; the handshake
-// is done by the constructor. Bulk and PingPong run the server end on a thread of
-// their own; one thread drives a pair at a time. After PingPong the pair is shut
-// down and good for nothing more.
+// is done by the constructor. Bulk, PingPong and HandOffPingPong run the server end
+// on threads of their own; one thread drives a pair at a time. After a ping-pong the
+// pair is shut down and good for nothing more.
 #pragma once
 
 #include <openssl/ssl.h>
@@ -63,6 +63,13 @@ class RawTlsPair : private boost::noncopyable {
   // `count` round trips of a `bytes`-byte message that the server echoes; the
   // time of each in microseconds. Shuts the pair down afterwards.
   std::vector<double> PingPong(size_t bytes, int count);
+
+  // PingPong with the hand-off of the connection engine's threading on both ends
+  // and nothing else of it: a reader thread waits until the socket is readable,
+  // reads the message under the end's lock and hands it to a waiting thread through
+  // a ConditionVariable; that thread writes under the same lock. What this costs
+  // above PingPong is the floor of any engine built that way, on this machine.
+  std::vector<double> HandOffPingPong(size_t bytes, int count);
 
  private:
   static bool ReadAll(SSL* ssl, uint8_t* data, size_t size);

@@ -286,6 +286,12 @@ void AddGoals(RunSummary& summary) {
                    RunSummary::kAtMost, 1.5);
   summary.AddRatio("call round trip p99 / median", "transport_call_p99_us", "transport_call_median_us",
                    RunSummary::kAtMost, 3.0);
+  // What handing each message from a reading thread to a waiting one costs, without
+  // an engine: the least any round trip between blocked workers can take here.
+  summary.AddRatio("hand-off ping-pong median / raw", "handoff_pingpong_median_us", "raw_pingpong_median_us",
+                   RunSummary::kNoGoal, 0);
+  summary.AddRatio("stream round trip median / hand-off ping-pong", "transport_stream_median_us",
+                   "handoff_pingpong_median_us", RunSummary::kNoGoal, 0);
   summary.AddFigure("64 workers, calls per second", "transport_64_workers_per_s", RunSummary::kAtLeast, 25000);
 }
 
