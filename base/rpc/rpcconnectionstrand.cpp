@@ -1,7 +1,5 @@
 #include "base/rpc/rpcconnectionstrand.h"
 
-#include <functional>
-
 namespace apm {
 namespace base {
 
@@ -63,24 +61,25 @@ void CConnectionStrand::State::enqueue(const std::shared_ptr<State>& self, std::
 
 // Lets go of the strand (or hands what is queued to the I/O threads) when a handler
 // throws, so that the exception leaves the strand usable, as an asio strand does.
-class ReleaseOnThrow {
+class CConnectionStrand::State::ReleaseOnThrow {
  public:
-  explicit ReleaseOnThrow(std::function<void()> release) : release(std::move(release)) {}
+  explicit ReleaseOnThrow(const std::shared_ptr<State>& self) : self(self) {}
   ~ReleaseOnThrow() {
-    if (release) release();
+    if (armed) release_or_continue(self);
   }
-  void dismiss() { release = nullptr; }
+  void dismiss() { armed = false; }
   ReleaseOnThrow(const ReleaseOnThrow&) = delete;
   ReleaseOnThrow& operator=(const ReleaseOnThrow&) = delete;
 
  private:
-  std::function<void()> release;
+  const std::shared_ptr<State>& self;
+  bool armed = true;
 };
 
 void CConnectionStrand::State::run_acquired(const std::shared_ptr<State>& self, std::unique_ptr<Operation> operation,
                                             bool for_caller) {
   {
-    ReleaseOnThrow guard([&self]() { release_or_continue(self); });
+    ReleaseOnThrow guard(self);
     InsideStrand inside(self.get(), for_caller);
     operation->invoke();
     operation.reset();
@@ -96,7 +95,7 @@ void CConnectionStrand::State::run_acquired(const std::shared_ptr<State>& self, 
 
 void CConnectionStrand::State::run_batch(const std::shared_ptr<State>& self) {
   {
-    ReleaseOnThrow guard([&self]() { release_or_continue(self); });
+    ReleaseOnThrow guard(self);
     InsideStrand inside(self.get(), false);
     std::size_t count;
     {

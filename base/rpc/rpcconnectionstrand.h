@@ -128,6 +128,8 @@ class CConnectionStrand {
     // With the strand claimed and the caller done: releases it if nothing is
     // queued, else posts a batch.
     static void release_or_continue(const std::shared_ptr<State>& self);
+    // Calls release_or_continue when a handler throws.
+    class ReleaseOnThrow;
 
     boost::asio::io_context* io_context;
     std::mutex mutex;

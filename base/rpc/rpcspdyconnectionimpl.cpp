@@ -694,7 +694,7 @@ void CSpdyConnectionImpl<Stream>::arm_flush_timer() {
 template <class Stream>
 void CSpdyConnectionImpl<Stream>::handle_flush_timer() {
   flush_armed = false;
-  update_writing();
+  // A write under way keeps `writing` set; write_outgoing brings it up to date.
   if (!write_in_flight) write_outgoing();
 }
 

@@ -174,7 +174,7 @@ size_t CLogicalConnectionStream::TakeRun(const CNetworkBuffer** run) {
           }
           // The end of the segment: the mark stays until NextSegment.
           if (head.end_of_segment) break;
-          receive_queue.pop_front();  // an empty frame without a mark carries nothing
+          receive_queue.pop_front();  // used up: its buffer, if any, is in the run
         }
         if (count != 0) return count;
         if (!receive_queue.empty()) return 0;  // at the mark
@@ -351,6 +351,13 @@ uint64_t CLogicalConnectionStream::GetVersion() { return connection->get_version
 // waits, after letting go of the mutex, so that the reader does not wake into a
 // mutex still held. The caller holds a reference to this object throughout.
 
+bool CLogicalConnectionStream::take_reader_wake() {
+  const bool wake = reader_waiting;
+  // Signalled once per wait: further changes before the reader runs need no call.
+  reader_waiting = false;
+  return wake;
+}
+
 void CLogicalConnectionStream::recv_data(const CNetworkBuffer* buffer, bool end_of_segment) {
   bool wake;
   {
@@ -358,9 +365,8 @@ void CLogicalConnectionStream::recv_data(const CNetworkBuffer* buffer, bool end_
     receive_queue.push_back(ReceivedBuffer{buffer, end_of_segment});
     if (buffer != nullptr) queued_bytes += buffer->length;
     if (end_of_segment) ++queued_marks;
-    wake = reader_waiting && (end_of_segment || buffer == nullptr || queued_bytes >= wake_bytes);
-    // Signalled once per wait: further arrivals before the reader runs need no call.
-    if (wake) reader_waiting = false;
+    // Data wakes a reader only once what it waits for has come.
+    wake = (end_of_segment || buffer == nullptr || queued_bytes >= wake_bytes) && take_reader_wake();
   }
   if (wake) condition.Wakeup();
 }
@@ -370,8 +376,7 @@ void CLogicalConnectionStream::recv_closed() {
   {
     ConditionVariable::ScopedLock lock(condition);
     receive_open = false;
-    wake = reader_waiting;
-    reader_waiting = false;
+    wake = take_reader_wake();
   }
   if (wake) condition.Wakeup();
 }
@@ -381,8 +386,7 @@ void CLogicalConnectionStream::recv_connection_closing() {
   {
     ConditionVariable::ScopedLock lock(condition);
     connection_closing = true;
-    wake = reader_waiting;
-    reader_waiting = false;
+    wake = take_reader_wake();
   }
   if (wake) condition.Wakeup();
 }
@@ -394,8 +398,7 @@ void CLogicalConnectionStream::recv_terminated(unsigned int status, const std::s
     receive_open = false;
     error_code = status;
     error_text = text;
-    wake = reader_waiting;
-    reader_waiting = false;
+    wake = take_reader_wake();
   }
   if (wake) condition.Wakeup();
 }
@@ -406,8 +409,7 @@ void CLogicalConnectionStream::recv_headers(RPCConnectionHeaders& headers) {
     ConditionVariable::ScopedLock lock(condition);
     received_headers = headers;
     headers_received = true;
-    wake = reader_waiting;
-    reader_waiting = false;
+    wake = take_reader_wake();
   }
   if (wake) condition.Wakeup();
 }

@@ -155,6 +155,9 @@ class CLogicalConnectionStream : public IReceiveStream, private boost::noncopyab
   // `wanted` bytes is woken by data only when that many are queued, by anything
   // else at once.
   void WaitForChange(uint64_t wanted = 1);
+  // Under the mutex, for the engine's calls: whether the reader waits and must be
+  // woken; it counts as woken from then on.
+  bool take_reader_wake();
   void release_read_buffer();
 
   boost::shared_ptr<ILogicalConnection> connection;

@@ -11,8 +11,8 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/system/error_code.hpp>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -27,27 +27,6 @@ namespace base {
 namespace {
 
 using test::Latch;
-
-const std::chrono::seconds kLongestWait(5);
-
-// Counts down to zero; Wait() is bounded like a Latch's.
-class Countdown {
- public:
-  explicit Countdown(std::size_t count) : remaining(count) {}
-  void count_down() {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (--remaining == 0) condition.notify_all();
-  }
-  bool Wait() {
-    std::unique_lock<std::mutex> lock(mutex);
-    return condition.wait_for(lock, kLongestWait, [this] { return remaining == 0; });
-  }
-
- private:
-  std::mutex mutex;
-  std::condition_variable condition;
-  std::size_t remaining;
-};
 
 // A busy wait of a microsecond or so that keeps the thread on its core.
 void BusyPause() {
@@ -79,14 +58,14 @@ class OverlapMeter {
 class IoThreads {
  public:
   explicit IoThreads(int count) : guard(boost::asio::make_work_guard(context)) {
-    Countdown started(count);
+    Latch started(count);
     for (int i = 0; i < count; ++i) {
       threads.emplace_back([this, &started] {
         {
           std::lock_guard<std::mutex> lock(mutex);
           ids.insert(std::this_thread::get_id());
         }
-        started.count_down();
+        started.Open();
         context.run();
       });
     }
@@ -152,16 +131,35 @@ void ExpectOrderPerGiver(const std::vector<Entry>& entries, int givers, int per_
   for (int giver = 0; giver < givers; ++giver) EXPECT_EQ(per_giver, next[giver]) << "giver " << giver;
 }
 
+// Starts `givers` threads together; each calls `give(giver, sequence)` `per_giver`
+// times, with a short pause before each call so that the threads interleave.
+// Returns once every thread has given everything.
+void GiveFromSeveralThreads(int givers, int per_giver, const std::function<void(int, int)>& give) {
+  std::atomic<bool> go{false};
+  std::vector<std::thread> giving;
+  for (int giver = 0; giver < givers; ++giver) {
+    giving.emplace_back([&, giver] {
+      while (!go.load()) std::this_thread::yield();
+      for (int i = 0; i < per_giver; ++i) {
+        BusyPause();
+        give(giver, i);
+      }
+    });
+  }
+  go = true;
+  for (std::thread& thread : giving) thread.join();
+}
+
 TEST(CConnectionStrandTest, HandlersPostedFromOneThreadRunInTheOrderGiven) {
   IoThreads io(4);
   CConnectionStrand strand(io.context);
   const int count = 500;
   std::vector<int> order;  // touched only on the strand
-  Countdown done(count);
+  Latch done(count);
   for (int i = 0; i < count; ++i) {
     boost::asio::post(strand, [&order, &done, i] {
       order.push_back(i);
-      done.count_down();
+      done.Open();
     });
   }
   ASSERT_TRUE(done.Wait());
@@ -176,25 +174,15 @@ TEST(CConnectionStrandTest, HandlersPostedFromSeveralThreadsNeverRunTwoAtOnceAnd
   const int per_giver = 300;
   OverlapMeter meter;
   std::vector<Entry> entries;  // touched only on the strand
-  Countdown done(givers * per_giver);
-  std::atomic<bool> go{false};
-  std::vector<std::thread> posting;
-  for (int giver = 0; giver < givers; ++giver) {
-    posting.emplace_back([&, giver] {
-      while (!go.load()) std::this_thread::yield();
-      for (int i = 0; i < per_giver; ++i) {
-        BusyPause();
-        boost::asio::post(strand, [&, giver, i] {
-          meter.enter();
-          entries.push_back(Entry{giver, i});
-          meter.leave();
-          done.count_down();
-        });
-      }
+  Latch done(givers * per_giver);
+  GiveFromSeveralThreads(givers, per_giver, [&](int giver, int i) {
+    boost::asio::post(strand, [&, giver, i] {
+      meter.enter();
+      entries.push_back(Entry{giver, i});
+      meter.leave();
+      done.Open();
     });
-  }
-  go = true;
-  for (std::thread& thread : posting) thread.join();
+  });
   ASSERT_TRUE(done.Wait());
   EXPECT_EQ(1, meter.most_at_once());
   ExpectOrderPerGiver(entries, givers, per_giver);
@@ -208,33 +196,23 @@ TEST(CConnectionStrandTest, RunOrPostFromSeveralThreadsNeverOverlapsPostedHandle
   OverlapMeter meter;
   std::mutex entries_mutex;
   std::vector<Entry> entries;
-  Countdown done(givers * per_giver);
-  std::atomic<bool> go{false};
-  std::vector<std::thread> giving;
-  for (int giver = 0; giver < givers; ++giver) {
-    giving.emplace_back([&, giver] {
-      while (!go.load()) std::this_thread::yield();
-      for (int i = 0; i < per_giver; ++i) {
-        BusyPause();
-        auto handler = [&, giver, i] {
-          meter.enter();
-          {
-            std::lock_guard<std::mutex> lock(entries_mutex);
-            entries.push_back(Entry{giver, i});
-          }
-          meter.leave();
-          done.count_down();
-        };
-        if (giver % 2 == 0) {
-          strand.run_or_post(handler);
-        } else {
-          boost::asio::post(strand, handler);
-        }
+  Latch done(givers * per_giver);
+  GiveFromSeveralThreads(givers, per_giver, [&](int giver, int i) {
+    auto handler = [&, giver, i] {
+      meter.enter();
+      {
+        std::lock_guard<std::mutex> lock(entries_mutex);
+        entries.push_back(Entry{giver, i});
       }
-    });
-  }
-  go = true;
-  for (std::thread& thread : giving) thread.join();
+      meter.leave();
+      done.Open();
+    };
+    if (giver % 2 == 0) {
+      strand.run_or_post(handler);
+    } else {
+      boost::asio::post(strand, handler);
+    }
+  });
   ASSERT_TRUE(done.Wait());
   EXPECT_EQ(1, meter.most_at_once());
   std::lock_guard<std::mutex> lock(entries_mutex);
@@ -304,14 +282,14 @@ TEST(CConnectionStrandTest, RunOrPostWhileAHandlerRunsElsewhereRunsLaterOnAnIoTh
   std::atomic<int> ran{0};
   std::thread::id ran_on[2];
   bool for_caller[2] = {true, true};
-  Countdown done(2);
+  Latch done(2);
   for (int i = 1; i <= 2; ++i) {
     strand.run_or_post([&, i] {
       ran_on[i - 1] = std::this_thread::get_id();
       for_caller[i - 1] = CConnectionStrand::running_for_caller();
       record(i);
       ++ran;
-      done.count_down();
+      done.Open();
     });
   }
   // Neither may have run: the strand is busy on an I/O thread.
@@ -333,7 +311,7 @@ TEST(CConnectionStrandTest, WhatARunOrPostHandlerPostsIsNotRunNestedButAfterward
   std::atomic<bool> outer_done{false};
   std::atomic<int> inner_ran{0};
   bool inner_ran_inside_outer = false;
-  Countdown inner_done(2);
+  Latch inner_done(2);
   std::thread::id inner_on[2];
   bool inner_saw_outer_done[2] = {false, false};
   bool inner_for_caller[2] = {true, true};
@@ -343,7 +321,7 @@ TEST(CConnectionStrandTest, WhatARunOrPostHandlerPostsIsNotRunNestedButAfterward
       inner_saw_outer_done[which] = outer_done.load();
       inner_for_caller[which] = CConnectionStrand::running_for_caller();
       ++inner_ran;
-      inner_done.count_down();
+      inner_done.Open();
     };
   };
   strand.run_or_post([&] {
@@ -423,15 +401,15 @@ TEST(CConnectionStrandTest, RunningInThisThreadIsTrueOnlyInsideTheStrandsOwnHand
   bool in_own_handler = false;
   bool in_others_handler = true;
   bool other_in_own = false;
-  Countdown done(2);
+  Latch done(2);
   boost::asio::post(strand, [&] {
     in_own_handler = strand.running_in_this_thread();
-    done.count_down();
+    done.Open();
   });
   boost::asio::post(other, [&] {
     in_others_handler = strand.running_in_this_thread();
     other_in_own = other.running_in_this_thread();
-    done.count_down();
+    done.Open();
   });
   ASSERT_TRUE(done.Wait());
   EXPECT_TRUE(in_own_handler);
@@ -490,7 +468,7 @@ TEST(CConnectionStrandTest, TimerCompletionsBoundToTheStrandNeverOverlapItsPoste
   const int posted = 500;
   OverlapMeter meter;
   std::atomic<int> timer_handlers_outside{0};
-  Countdown done(timers + posted);
+  Latch done(timers + posted);
   std::vector<std::unique_ptr<boost::asio::steady_timer>> waiting;
   const auto soon = std::chrono::steady_clock::now() + std::chrono::milliseconds(1);
   for (int i = 0; i < timers; ++i) {
@@ -500,14 +478,14 @@ TEST(CConnectionStrandTest, TimerCompletionsBoundToTheStrandNeverOverlapItsPoste
       EXPECT_FALSE(error);
       if (!strand.running_in_this_thread()) ++timer_handlers_outside;
       meter.leave();
-      done.count_down();
+      done.Open();
     }));
   }
   for (int i = 0; i < posted; ++i) {
     boost::asio::post(strand, [&] {
       meter.enter();
       meter.leave();
-      done.count_down();
+      done.Open();
     });
   }
   ASSERT_TRUE(done.Wait());
@@ -673,27 +651,27 @@ TEST(CConnectionStrandTest, TwoStrandsCallingIntoEachOtherFromTheirHandlersRunEv
   const int rounds = 200;
   OverlapMeter first_meter;
   OverlapMeter second_meter;
-  Countdown done(4 * rounds);
+  Latch done(4 * rounds);
   for (int i = 0; i < rounds; ++i) {
     boost::asio::post(first, [&] {
       first_meter.enter();
       second.run_or_post([&] {
         second_meter.enter();
         second_meter.leave();
-        done.count_down();
+        done.Open();
       });
       first_meter.leave();
-      done.count_down();
+      done.Open();
     });
     boost::asio::post(second, [&] {
       second_meter.enter();
       first.run_or_post([&] {
         first_meter.enter();
         first_meter.leave();
-        done.count_down();
+        done.Open();
       });
       second_meter.leave();
-      done.count_down();
+      done.Open();
     });
   }
   ASSERT_TRUE(done.Wait());
