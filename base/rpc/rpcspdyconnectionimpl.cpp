@@ -694,8 +694,7 @@ void CSpdyConnectionImpl<Stream>::arm_flush_timer() {
 template <class Stream>
 void CSpdyConnectionImpl<Stream>::handle_flush_timer() {
   flush_armed = false;
-  // A write under way keeps `writing` set; write_outgoing brings it up to date.
-  if (!write_in_flight) write_outgoing();
+  write_outgoing();
 }
 
 template <class Stream>
@@ -706,11 +705,14 @@ void CSpdyConnectionImpl<Stream>::update_writing() {
 template <class Stream>
 void CSpdyConnectionImpl<Stream>::handle_posted_write() {
   write_posted = false;
-  if (!write_in_flight) write_outgoing();
+  write_outgoing();
 }
 
 template <class Stream>
 void CSpdyConnectionImpl<Stream>::write_outgoing() {
+  // A write under way takes what gathered meanwhile when it completes, and keeps
+  // `writing` set until then.
+  if (write_in_flight) return;
   if (!socket || tls_shutdown_deferred || tls_shutdown_started) {
     // Never connected, or the connection is ending: nothing more goes out.
     outgoing.clear();
